@@ -65,8 +65,9 @@ class CredentialStore final : public IProtocolAuth {
 
   const std::filesystem::path file;
   const TokenRenewal renewal;
-  mutable std::mutex mutex;  // one renewal at a time; guards refusal
+  mutable std::mutex mutex;  // one renewal at a time; guards the members below
   std::string refusal;
+  std::string handedOut;  // the access token in use: another one in the file is newer
 };
 
 }  // namespace host

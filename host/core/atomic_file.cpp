@@ -1,0 +1,101 @@
+#include "host/core/atomic_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "host/core/failure.h"
+
+namespace host {
+namespace {
+
+std::string AdviceFor(int error) {
+  switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+      return "make room on the disk and try again";
+    case ENOENT:
+      return "make the folder first";
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return "choose a folder that you may write to";
+    default:
+      return "check the disk and the folder";
+  }
+}
+
+/// A name beside the target that no other process and no other call of this one uses.
+std::filesystem::path HiddenName(const std::filesystem::path& target, int attempt) {
+  const std::string name = target.filename().string().substr(0, 200);
+  return target.parent_path() /
+         ("." + name + ".vormlane-" + std::to_string(getpid()) + "-" + std::to_string(attempt));
+}
+
+}  // namespace
+
+FileDescriptor::~FileDescriptor() {
+  if (descriptor >= 0) close(descriptor);
+}
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+  std::swap(descriptor, other.descriptor);
+  return *this;
+}
+
+AtomicFile::AtomicFile(std::filesystem::path targetFile, mode_t mode)
+    : target(std::move(targetFile)) {
+  for (int attempt = 0; descriptor.Number() < 0; ++attempt) {
+    hidden = HiddenName(target, attempt);
+    descriptor =
+        FileDescriptor(open(hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (descriptor.Number() < 0 && errno != EEXIST) {
+      hidden.clear();
+      Fail("write");
+    }
+  }
+}
+
+AtomicFile::~AtomicFile() {
+  if (!hidden.empty()) unlink(hidden.c_str());
+}
+
+void AtomicFile::WriteAt(int64_t offset, std::span<const char> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = pwrite(descriptor.Number(), bytes.data(), bytes.size(), offset);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) Fail("write");
+    offset += written;
+    bytes = bytes.subspan(static_cast<size_t>(written));
+  }
+}
+
+void AtomicFile::SetTime(int64_t seconds) {
+  const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+  futimens(descriptor.Number(), times);
+}
+
+void AtomicFile::Commit() {
+  if (fsync(descriptor.Number()) != 0) Fail("write");
+  if (std::rename(hidden.c_str(), target.c_str()) != 0) Fail("replace");
+  hidden.clear();
+  std::filesystem::path folder = target.parent_path();
+  if (folder.empty()) folder = ".";
+  const FileDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // A folder that cannot be synced (some network file systems) does not undo the rename.
+  if (directory.Number() >= 0) fsync(directory.Number());
+}
+
+void AtomicFile::Fail(const char* doing) const {
+  const int error = errno;
+  throw Failure(
+      std::string("cannot ") + doing + " " + target.string() + ": " + std::strerror(error),
+      AdviceFor(error));
+}
+
+}  // namespace host
