@@ -1,0 +1,37 @@
+// Ctrl-C (and a request to end) while something is in the making.
+//
+// While a watch lives, the first SIGINT, SIGTERM or SIGHUP is noted instead of ending the process,
+// so that what was begun is taken back in order; a second one ends the process at once. One watch
+// at a time.
+#pragma once
+
+#include <signal.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include "plugin/host_interfaces.h"
+
+namespace host {
+
+class InterruptWatch {
+ public:
+  /// `handle`, when given, is marked as abandoned at once, which stops its transfer.
+  explicit InterruptWatch(std::shared_ptr<_FS_HANDLE> handle = nullptr);
+  ~InterruptWatch();
+  InterruptWatch(const InterruptWatch&) = delete;
+  InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+  static bool Interrupted();
+  /// Waits until a signal is noted or `milliseconds` have passed; true when it was noted.
+  static bool WaitFor(int milliseconds);
+  /// Throws Failure that names what was stopped ("the download of \"a\"") when one was noted.
+  static void ThrowIfInterrupted(const std::string& what);
+
+ private:
+  std::shared_ptr<_FS_HANDLE> handle;
+  std::array<struct sigaction, 3> before;
+};
+
+}  // namespace host
