@@ -26,3 +26,6 @@ target_include_directories(uws SYSTEM INTERFACE ${UWS_DIR}/src)
 target_link_libraries(uws PUBLIC PkgConfig::SSL PkgConfig::CRYPTO PkgConfig::ZLIB Threads::Threads)
 # Not our code: its warnings are not ours to fix.
 target_compile_options(uws PRIVATE -w)
+# It deletes its polls through a base class without a virtual destructor, so the size that a sized
+# deallocation would pass is not the size that was allocated.
+target_compile_options(uws PUBLIC $<$<COMPILE_LANGUAGE:CXX>:-fno-sized-deallocation>)

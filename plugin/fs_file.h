@@ -17,14 +17,14 @@ enum FsAttribute : uint32_t {
 };
 
 struct _FS_FILE_V1 {
-  std::string id;            ///< Drive file id, or the id of a virtual folder
-  uint32_t attributes = 0;   ///< FsAttribute bits
-  int64_t size = 0;          ///< bytes
-  std::string time1;         ///< RFC 3339, as the service wrote it
+  std::string id;           ///< Drive file id, or the id of a virtual folder
+  uint32_t attributes = 0;  ///< FsAttribute bits
+  int64_t size = 0;         ///< bytes
+  std::string time1;        ///< RFC 3339, as the service wrote it
   std::string time2;
   std::string time3;
-  std::string name;          ///< one path component, UTF-8
-  std::string content;       ///< inline content of a synthesised file, else empty
+  std::string name;     ///< one path component, UTF-8
+  std::string content;  ///< inline content of a synthesised file, else empty
 };
 
 struct _FS_FILE_V2 : _FS_FILE_V1 {

@@ -182,8 +182,7 @@ class IProtocol_V2 : public IProtocol_V1 {
   virtual AERROR GetFileList(const char* id, IFileList* list, char** message) = 0;
   virtual AERROR GetChanges(IFileChanges* sink, char** message) = 0;
   virtual AERROR GetFileInfo(const char* id, _FS_FILE_V2* out, char** message) = 0;
-  virtual AERROR Rename(const char* id, const char* newName, _FS_FILE_V2* file,
-                        char** message) = 0;
+  virtual AERROR Rename(const char* id, const char* newName, _FS_FILE_V2* file, char** message) = 0;
   virtual AERROR Move(const char* source, const char* destination, _FS_FILE_V2* file,
                       char** message) = 0;
   virtual AERROR MoveDir(const char* source, const char* destination, _FS_FILE_V2* file,

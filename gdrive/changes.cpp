@@ -1,0 +1,155 @@
+// Following remote changes by polling.
+// https://developers.google.com/drive/api/guides/manage-changes
+#include <unordered_set>
+#include <vector>
+
+#include "gdrive/google_drive.h"
+#include "gdrive/guarded.h"
+
+namespace {
+
+/// A service that reports changes without ever moving the cursor would hold a poll for ever.
+constexpr int kRoundsWithoutProgress = 1000;
+
+/// Distinct ids in the order of their first insertion.
+class IdList {
+ public:
+  void Add(const std::string& id) {
+    if (known.insert(id).second) ids.push_back(id);
+  }
+  auto begin() const { return ids.begin(); }
+  auto end() const { return ids.end(); }
+
+ private:
+  std::vector<std::string> ids;
+  std::unordered_set<std::string> known;
+};
+
+void AddAffectedFolders(const JsonObject& change, IdList* folders) {
+  if (!change.HasObject("/file")) return;  // removed: the entry does not say from where
+  const JsonObject file = change.GetObject("/file");
+  const std::string id = file.GetObject("id");
+  const std::string mimeType = file.GetObject("mimeType");
+  if (file.HasObject("parents")) {
+    const JsonObject parents = file.GetObject("parents");
+    for (int i = static_cast<int>(parents.GetArraySize()) - 1; i >= 0; --i) {
+      folders->Add(parents[i]);
+    }
+  }
+  if (mimeType == kFolderMimeType) folders->Add(id);
+}
+
+}  // namespace
+
+std::string GoogleDrive::Cursor() const {
+  const std::lock_guard guard(lock);
+  return lastChangeId;
+}
+
+/// Persisted at once, so that a restarted host goes on from here.
+void GoogleDrive::MoveCursor(const std::string& token) {
+  {
+    const std::lock_guard guard(lock);
+    lastChangeId = token;
+  }
+  SetProfileValue("lastchangeid", token, 0);
+}
+
+void GoogleDrive::GetLargestChangeId() {
+  const std::string stored = ProfileValue("lastchangeid");
+  if (stored.empty()) {
+    (void)FetchChanges([](const JsonObject&) {});
+    return;
+  }
+  const std::lock_guard guard(lock);
+  lastChangeId = stored;
+}
+
+std::string GoogleDrive::GetChangeList(int) {
+  JsonObject all("{\"changes\":[]}");
+  JsonObject changes = all["changes"];
+  (void)FetchChanges([&](const JsonObject& change) { changes.InsertArrayItem(change); });
+  return all.ToText();
+}
+
+AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
+  const auto build = [&](std::shared_ptr<GoogleCURL> request) {
+    const std::string cursor = Cursor();
+    if (cursor.empty()) {
+      request->SetURL(Api("/drive/v3/changes/startPageToken").c_str());
+    } else {
+      request->SetURL(Api("/drive/v3/changes").c_str());
+      request->AddQuery("pageToken", cursor);
+      request->AddQuery("fields", "changes/file,newStartPageToken,nextPageToken");
+    }
+    Sign(*request);
+    return request->PerformGet(nullptr, nullptr);
+  };
+  const auto read = [&](_CURLRTN& result) {
+    return Guarded([&] { return ReadChangePage(result, visit); });
+  };
+  return Query<GoogleDriveExponentialBackoff>("GetChangeList", build, {{200, {read, ""}}}, {}, {});
+}
+
+AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const ChangeVisitor& visit) {
+  const JsonObject body(result.body.get(), result.bodyLength);
+  for (const char* name : {"/newStartPageToken", "/startPageToken"}) {
+    if (body.HasObject(name)) MoveCursor(body.GetObject(name));
+  }
+  if (body.HasObject("/changes")) {
+    const JsonObject changes = body.GetObject("/changes");
+    const int count = static_cast<int>(changes.GetArraySize());
+    for (int i = 0; i < count; ++i) visit(changes[i]);
+  }
+  if (!body.HasObject("/nextPageToken")) return AERROR::SUCCESS;
+  MoveCursor(body.GetObject("/nextPageToken"));
+  return AERROR::RETRY;
+}
+
+AERROR GoogleDrive::GetChanges(IFileChanges* sink, char**) {
+  if (sink == nullptr) return AERROR::INVALID_PARAMETER;
+  // A sink may ask for a poll of its own; what it would find is on its way already.
+  if (pollingThread == std::this_thread::get_id()) return AERROR::SUCCESS;
+  if (!Auth()) return AERROR::FAILED;
+  bool released = false;
+  (void)Guarded([&] {
+    const std::lock_guard guard(changeLock);
+    pollingThread = std::this_thread::get_id();
+    (void)Guarded([&] {
+      CollectChanges(sink);
+      return AERROR::SUCCESS;
+    });
+    pollingThread = std::thread::id();
+    released = releaseRequested;
+    return AERROR::SUCCESS;
+  });
+  if (released) delete this;
+  return AERROR::SUCCESS;
+}
+
+void GoogleDrive::CollectChanges(IFileChanges* sink) {
+  IdList folders;
+  int idleRounds = 0;
+  bool changed = true;
+  while (changed && idleRounds < kRoundsWithoutProgress) {
+    const std::string before = Cursor();
+    changed = false;
+    (void)FetchChanges([&](const JsonObject& change) {
+      changed = true;
+      // One malformed entry must not hide the others.
+      (void)Guarded([&] {
+        AddAffectedFolders(change, &folders);
+        return AERROR::SUCCESS;
+      });
+    });
+    idleRounds = Cursor() == before ? idleRounds + 1 : 0;
+  }
+  for (const std::string& id : folders) {
+    if (releaseRequested) return;  // by the sink itself
+    // A sink that fails on one folder still hears of the others.
+    (void)Guarded([&] {
+      sink->Changed(id.c_str());
+      return AERROR::SUCCESS;
+    });
+  }
+}
