@@ -30,11 +30,14 @@ std::string AdviceFor(int error) {
   }
 }
 
+std::string HiddenPrefix(const std::filesystem::path& target) {
+  return "." + target.filename().string().substr(0, 200) + ".vormlane-";
+}
+
 /// A name beside the target that no other process and no other call of this one uses.
 std::filesystem::path HiddenName(const std::filesystem::path& target, int attempt) {
-  const std::string name = target.filename().string().substr(0, 200);
   return target.parent_path() /
-         ("." + name + ".vormlane-" + std::to_string(getpid()) + "-" + std::to_string(attempt));
+         (HiddenPrefix(target) + std::to_string(getpid()) + "-" + std::to_string(attempt));
 }
 
 }  // namespace
@@ -46,6 +49,13 @@ FileDescriptor::~FileDescriptor() {
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
   std::swap(descriptor, other.descriptor);
   return *this;
+}
+
+void RemoveHidden(const std::filesystem::path& target) {
+  const std::string prefix = HiddenPrefix(target);
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator(target.parent_path(), ignored))
+    if (entry.path().filename().string().rfind(prefix, 0) == 0) unlink(entry.path().c_str());
 }
 
 AtomicFile::AtomicFile(std::filesystem::path targetFile, mode_t mode)

@@ -33,6 +33,9 @@ class FileDescriptor {
   int descriptor;
 };
 
+/// Removes the hidden files that killed writers of `target` have left.
+void RemoveHidden(const std::filesystem::path& target);
+
 class AtomicFile {
  public:
   /// `mode` as for open(2), subject to the umask.

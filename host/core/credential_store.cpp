@@ -103,6 +103,8 @@ void CredentialStore::Save(const Credential& credential) {
 }
 
 void CredentialStore::Remove() {
+  // A host that was killed while it wrote has left a token under a hidden name.
+  RemoveHidden(file);
   if (unlink(file.c_str()) != 0 && errno != ENOENT)
     throw Failure("cannot remove " + file.string() + ": " + std::strerror(errno),
                   "remove it by hand");
