@@ -8,6 +8,8 @@ namespace host {
 void AddBrowseCommands(CLI::App& app, Context& context);    ///< ls, stat
 void AddAccountCommands(CLI::App& app, Context& context);   ///< df, whoami
 void AddReadCommands(CLI::App& app, Context& context);      ///< cat, get
+void AddWriteCommands(CLI::App& app, Context& context);     ///< put, mkdir, mv, rm, touch
+void AddWatchCommand(CLI::App& app, Context& context);      ///< watch
 void AddSettingsCommands(CLI::App& app, Context& context);  ///< options, profile
 
 /// Everything above and the shared options.

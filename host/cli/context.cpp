@@ -18,6 +18,11 @@ Session& Context::Opened() {
   return *session;
 }
 
+void Context::Close() {
+  session.reset();
+  connected = false;
+}
+
 Session& Context::Connected() {
   Opened();
   if (!connected) {
@@ -43,6 +48,8 @@ void AddCommands(CLI::App& app, Context& context) {
   AddSharedOptions(app, context);
   AddBrowseCommands(app, context);
   AddReadCommands(app, context);
+  AddWriteCommands(app, context);
+  AddWatchCommand(app, context);
   AddAccountCommands(app, context);
   AddSettingsCommands(app, context);
 }

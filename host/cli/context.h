@@ -32,6 +32,8 @@ struct Context {
   Session& Connected();
   /// Opened but not connected.
   Session& Opened();
+  /// Ends the session: afterwards the module has dropped every sink that it was given.
+  void Close();
 
   std::optional<ProfilePaths> pathsOverride;
 

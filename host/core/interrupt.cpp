@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <utility>
 
 #include "host/core/failure.h"
@@ -26,12 +25,14 @@ void Note(int) {
   const int savedErrno = errno;
   noted = true;
   if (auto* status = abandoned.load()) *status = 3;
-  const int writer = wakeWriter.load();
-  if (writer >= 0) {
-    const char byte = 0;
-    [[maybe_unused]] const ssize_t ignored = write(writer, &byte, 1);
-  }
+  InterruptWatch::Wake();
   errno = savedErrno;
+}
+
+void Drain() {
+  char bytes[64];
+  while (wakeReader >= 0 && read(wakeReader, bytes, sizeof bytes) > 0) {
+  }
 }
 
 void OpenPipeOnce() {
@@ -60,23 +61,24 @@ InterruptWatch::InterruptWatch(std::shared_ptr<_FS_HANDLE> openFile) : handle(st
 InterruptWatch::~InterruptWatch() {
   for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &before[i], nullptr);
   abandoned = nullptr;
-  char drained[16];
-  while (wakeReader >= 0 && read(wakeReader, drained, sizeof drained) > 0) {
-  }
+  Drain();
 }
 
 bool InterruptWatch::Interrupted() { return noted; }
 
 bool InterruptWatch::WaitFor(int milliseconds) {
-  using Clock = std::chrono::steady_clock;
-  const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
-  while (!noted) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    if (left.count() <= 0) break;
-    pollfd entry{wakeReader, POLLIN, 0};
-    poll(&entry, 1, static_cast<int>(left.count()));
-  }
+  pollfd entry{wakeReader, POLLIN, 0};
+  if (!noted) poll(&entry, 1, milliseconds);
+  Drain();
   return noted;
+}
+
+void InterruptWatch::Wake() {
+  const int writer = wakeWriter.load();
+  const char byte = 0;
+  if (writer < 0) return;
+  // A full pipe holds a wake-up already.
+  [[maybe_unused]] const ssize_t ignored = write(writer, &byte, 1);
 }
 
 void InterruptWatch::ThrowIfInterrupted(const std::string& what) {

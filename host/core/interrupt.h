@@ -24,8 +24,11 @@ class InterruptWatch {
   InterruptWatch& operator=(const InterruptWatch&) = delete;
 
   static bool Interrupted();
-  /// Waits until a signal is noted or `milliseconds` have passed; true when it was noted.
+  /// Waits until a signal is noted, Wake is called or `milliseconds` have passed; true when a
+  /// signal was noted.
   static bool WaitFor(int milliseconds);
+  /// Ends a WaitFor, the running one or the next. Any thread.
+  static void Wake();
   /// Throws Failure that names what was stopped ("the download of \"a\"") when one was noted.
   static void ThrowIfInterrupted(const std::string& what);
 
