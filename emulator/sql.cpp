@@ -61,8 +61,8 @@ std::string_view Statement::View(int column) const {
   return {bytes, static_cast<size_t>(sqlite3_column_bytes(handle.get(), column))};
 }
 
-bool Statement::Null(int column) const {
-  return sqlite3_column_type(handle.get(), column) == SQLITE_NULL;
+bool Statement::IsText(int column) const {
+  return sqlite3_column_type(handle.get(), column) == SQLITE_TEXT;
 }
 
 void Statement::Fail() const {

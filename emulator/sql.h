@@ -56,7 +56,7 @@ class Statement {
   std::string Text(int column) const;
   /// Valid until the next Step.
   std::string_view View(int column) const;
-  bool Null(int column) const;
+  bool IsText(int column) const;
 
  private:
   [[noreturn]] void Fail() const;

@@ -1,0 +1,83 @@
+#include "emulator/routes.h"
+
+#include <algorithm>
+
+#include "emulator/handlers.h"
+
+namespace emulator {
+
+namespace {
+
+std::string_view NextSegment(std::string_view& path) {
+  if (!path.empty() && path.front() == '/') path.remove_prefix(1);
+  const size_t end = std::min(path.find('/'), path.size());
+  const std::string_view segment = path.substr(0, end);
+  path.remove_prefix(end);
+  return segment;
+}
+
+bool MatchPath(std::string_view pattern, std::string_view path,
+               std::vector<std::string>& captures) {
+  captures.clear();
+  while (!pattern.empty() && !path.empty()) {
+    const std::string_view wanted = NextSegment(pattern), given = NextSegment(path);
+    if (wanted.front() == '{') {
+      if (given.empty()) return false;
+      captures.emplace_back(given);
+    } else if (wanted != given) {
+      return false;
+    }
+  }
+  return pattern.empty() && path.empty();
+}
+
+bool MatchParameter(std::string_view wanted, const httplib::Request& request) {
+  const size_t equals = wanted.find('=');
+  const std::string name(wanted.substr(0, equals));
+  if (equals == std::string_view::npos) return name.empty() || request.has_param(name);
+  return request.get_param_value(name) == wanted.substr(equals + 1);
+}
+
+}  // namespace
+
+const std::vector<Route>& ApiRoutes() {
+  static const std::vector<Route> routes{
+      {"GET", "/drive/v2/about", "drive.about.get.v2", AboutV2},
+      {"GET", "/drive/v3/about", "drive.about.get", AboutV3},
+      {"GET", "/drive/v3/files", "drive.files.list", ListFiles},
+      {"GET", "/drive/v3/files/generateIds", "drive.files.generateIds", GenerateIds},
+      {"GET", "/drive/v3/files/{fileId}", "drive.files.get.media", GetMedia, "alt=media"},
+      {"GET", "/drive/v3/files/{fileId}", "drive.files.get", GetFile},
+      {"GET", "/drive/v3/files/{fileId}/export", "drive.files.export", ExportFile},
+      {"GET", "/drive/v3/drives", "drive.drives.list", ListDrives},
+      {"GET", "/drive/v3/drives/{driveId}", "drive.drives.get", GetDrive},
+      {"GET", "/drive/v3/teamdrives", "drive.teamdrives.list", ListTeamDrives},
+      {"GET", "/drive/v3/teamdrives/{driveId}", "drive.teamdrives.get", GetTeamDrive},
+  };
+  return routes;
+}
+
+const std::vector<Route>& PushRoutes() {
+  static const std::vector<Route> routes{};
+  return routes;
+}
+
+bool IsMethodName(std::string_view name) {
+  const auto named = [name](const Route& route) { return route.name == name; };
+  return std::any_of(ApiRoutes().begin(), ApiRoutes().end(), named) ||
+         std::any_of(PushRoutes().begin(), PushRoutes().end(), named);
+}
+
+const Route* FindRoute(const std::vector<Route>& routes, const httplib::Request& request,
+                       std::vector<std::string>& captures) {
+  const std::string_view method = request.method == "HEAD" ? "GET" : request.method;
+  for (const Route& route : routes) {
+    if (method == route.httpMethod && MatchPath(route.pattern, request.path, captures) &&
+        MatchParameter(route.parameter, request)) {
+      return &route;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace emulator
