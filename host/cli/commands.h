@@ -10,6 +10,7 @@ void AddAccountCommands(CLI::App& app, Context& context);   ///< df, whoami
 void AddReadCommands(CLI::App& app, Context& context);      ///< cat, get
 void AddWriteCommands(CLI::App& app, Context& context);     ///< put, mkdir, mv, rm, touch
 void AddWatchCommand(CLI::App& app, Context& context);      ///< watch
+void AddLoginCommands(CLI::App& app, Context& context);     ///< login, logout
 void AddSettingsCommands(CLI::App& app, Context& context);  ///< options, profile
 
 /// Everything above and the shared options.

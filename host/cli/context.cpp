@@ -51,6 +51,7 @@ void AddCommands(CLI::App& app, Context& context) {
   AddWriteCommands(app, context);
   AddWatchCommand(app, context);
   AddAccountCommands(app, context);
+  AddLoginCommands(app, context);
   AddSettingsCommands(app, context);
 }
 
