@@ -14,7 +14,7 @@ struct UrlFree {
 std::string Part(CURLU* url, CURLUPart part) {
   char* text = nullptr;
   if (curl_url_get(url, part, &text, 0) != CURLUE_OK) return {};
-  const std::string copy = text;
+  std::string copy = text;
   curl_free(text);
   return copy;
 }

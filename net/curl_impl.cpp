@@ -114,7 +114,9 @@ std::string CURLImpl::BuildURL(bool escape) const {
 curl_slist* CURLImpl::BuildHeader() const {
   HeaderList list;
   for (const auto& [name, value] : headers) {
-    curl_slist* longer = curl_slist_append(list.get(), (name + ": " + value).c_str());
+    std::string line = name;
+    line.append(": ").append(value);
+    curl_slist* longer = curl_slist_append(list.get(), line.c_str());
     if (longer == nullptr) throw std::bad_alloc();
     (void)list.release();
     list.reset(longer);
