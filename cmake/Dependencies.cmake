@@ -2,13 +2,23 @@
 # published inside an npm package and is fetched, checked and built here.
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
-pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
-pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
-pkg_check_modules(EVENT REQUIRED IMPORTED_TARGET libevent_core)
-pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
-pkg_check_modules(SSL REQUIRED IMPORTED_TARGET libssl)
-pkg_check_modules(ZLIB REQUIRED IMPORTED_TARGET zlib)
-pkg_check_modules(CRYPTOPP REQUIRED IMPORTED_TARGET libcrypto++)
+if(CMAKE_CROSSCOMPILING)
+  include(macos-dependencies)
+else()
+  pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
+  pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
+  pkg_check_modules(EVENT REQUIRED IMPORTED_TARGET libevent_core)
+  pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
+  pkg_check_modules(SSL REQUIRED IMPORTED_TARGET libssl)
+  pkg_check_modules(ZLIB REQUIRED IMPORTED_TARGET zlib)
+  # Debian's name and everybody else's.
+  pkg_search_module(CRYPTOPP REQUIRED IMPORTED_TARGET libcrypto++ libcryptopp)
+  if(APPLE)
+    pkg_check_modules(UV REQUIRED IMPORTED_TARGET libuv)
+  else()  # macOS has it in its system library
+    pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+  endif()
+endif()
 
 set(UWS_DIR ${CMAKE_SOURCE_DIR}/build/third_party/uws-9.14.0)
 if(NOT EXISTS ${UWS_DIR}/src/Hub.h)
@@ -23,7 +33,9 @@ list(TRANSFORM UWS_SOURCES PREPEND ${UWS_DIR}/src/)
 list(TRANSFORM UWS_SOURCES APPEND .cpp)
 add_library(uws STATIC ${UWS_SOURCES})
 target_include_directories(uws SYSTEM INTERFACE ${UWS_DIR}/src)
-target_link_libraries(uws PUBLIC PkgConfig::SSL PkgConfig::CRYPTO PkgConfig::ZLIB Threads::Threads)
+# Its event loop is epoll on Linux and libuv elsewhere.
+target_link_libraries(uws PUBLIC PkgConfig::SSL PkgConfig::CRYPTO PkgConfig::ZLIB Threads::Threads
+  $<TARGET_NAME_IF_EXISTS:PkgConfig::UV>)
 # Not our code: its warnings are not ours to fix.
 target_compile_options(uws PRIVATE -w)
 # It deletes its polls through a base class without a virtual destructor, so the size that a sized
