@@ -9,6 +9,7 @@
 #include <curl/curl.h>
 
 #include <functional>
+#include <locale>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -127,6 +128,7 @@ class CURLImpl {
       return value;
     } else {
       std::ostringstream stream;
+      stream.imbue(std::locale::classic());  // the host's locale may group digits
       stream << value;
       return stream.str();
     }

@@ -61,8 +61,8 @@ class WireServer {
   bool ReadRequest(int socket, std::string* pending, Received* request);
   Answer Next();
 
-  int listener = -1;
   int port = 0;
+  int listener = -1;  // binding it fills in the port
   mutable std::mutex mutex;  ///< guards what follows
   std::condition_variable stopped;
   bool stopping = false;
@@ -85,6 +85,6 @@ class RefusedPort {
   std::string Origin() const { return "http://127.0.0.1:" + std::to_string(port); }
 
  private:
+  int port = 0;
   int socket;
-  int port;
 };
