@@ -62,7 +62,7 @@ class WireServer {
   Answer Next();
 
   int port = 0;
-  int listener = -1;  // binding it fills in the port
+  int listener = -1;         // binding it fills in the port
   mutable std::mutex mutex;  ///< guards what follows
   std::condition_variable stopped;
   bool stopping = false;
