@@ -216,6 +216,9 @@ std::vector<Item> DriveTree::Children(const Item& folder, const DrivePath& path)
     return session.Drive().GetFileList(folder.id.c_str(), &sink, message);
   });
   sink.Rethrow();
+  // The root folder's record is empty when its look-up failed while the drive connected.
+  for (Item& item : items)
+    if (item.name.empty() && item.attributes == 0) item = Get(item.id, path.Text());
   std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
     return std::tie(a.name, a.id) < std::tie(b.name, b.id);
   });
