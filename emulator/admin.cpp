@@ -1,6 +1,6 @@
 #include "emulator/admin.h"
 
-#include <functional>
+#include <map>
 #include <optional>
 #include <stdexcept>
 
@@ -140,10 +140,32 @@ Reply PostShape(AdminCall& call) {
   return Done();
 }
 
+Reply PostPush(AdminCall& call) {
+  static const std::map<std::string, PushBehaviour> kBehaviours{{"accept", PushBehaviour::kAccept},
+                                                                {"refuse", PushBehaviour::kRefuse},
+                                                                {"stall", PushBehaviour::kStall},
+                                                                {"drop", PushBehaviour::kDrop},
+                                                                {"flood", PushBehaviour::kFlood}};
+  const auto found = kBehaviours.find(call.body["behaviour"].asString());
+  if (found == kBehaviours.end()) throw std::invalid_argument("no such behaviour");
+  call.emulator.SetPushBehaviour(found->second);
+  return Done();
+}
+
+Reply DeletePush(AdminCall& call) {
+  call.emulator.DropPushConnections();
+  return Done();
+}
+
 Reply GetStatus(AdminCall& call) {
   Json::Value status;
   status["api"] = call.emulator.ApiUrl();
   status["admin"] = call.emulator.AdminUrl();
+  status["push"] = call.emulator.PushUrl();
+  status["pushApi"] = call.emulator.PushApiUrl();
+  status["pushUserToken"] = call.emulator.PushUserToken();
+  status["pushConnections"] = call.emulator.PushConnections();
+  status["openChannels"] = call.emulator.OpenChannels();
   status["items"] = Json::Int64(call.emulator.Items());
   status["requests"] = call.emulator.Count("*");
   status["connections"] = call.emulator.Connections();
@@ -174,6 +196,8 @@ constexpr AdminRoute kRoutes[] = {
     {"POST", "/quota", PostQuota},
     {"POST", "/children", PostChildren},
     {"POST", "/shape", PostShape},
+    {"POST", "/push", PostPush},
+    {"DELETE", "/push", DeletePush},
     {"GET", "/status", GetStatus},
 };
 

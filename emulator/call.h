@@ -46,6 +46,8 @@ struct Call {
   std::string baseUrl;                ///< scheme and host as the client addressed them
   /// Hands the body to the sink piece by piece; false when it did not arrive in full.
   std::function<bool(const Sink&)> readBody;
+  /// Checks the access token and fills in `user`; done already where the route needs a token.
+  std::function<void()> authorise;
 
   std::string Param(const std::string& name) const { return request.get_param_value(name); }
   bool Has(const std::string& name) const { return request.has_param(name); }

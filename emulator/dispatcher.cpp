@@ -100,7 +100,7 @@ void Dispatcher::Handle(Connection& connection, const httplib::Request& request,
   exchange.call.captures = std::move(captures);
   exchange.call.baseUrl = scheme + "://" + request.get_header_value("Host");
   exchange.entry = parts.journal.Begin(exchange.route != nullptr ? exchange.route->name : "unknown",
-                                       connection.Number());
+                                       connection.Number(), parts.countsConnections);
   exchange.entry.httpMethod = request.method;
   exchange.entry.path = request.path;
   const size_t query = request.target.find('?');
@@ -111,6 +111,7 @@ void Dispatcher::Handle(Connection& connection, const httplib::Request& request,
     if (exchange.tokenExpired) throw Unauthorized();
     return complete;
   };
+  exchange.call.authorise = [this, &exchange] { Authorise(exchange); };
   Run(exchange);
   parts.journal.End(std::move(exchange.entry));
 }

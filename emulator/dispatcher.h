@@ -22,6 +22,7 @@ class Dispatcher {
     FaultQueue& faults;
     RequestJournal& journal;
     Stopper& stopper;
+    bool countsConnections;  ///< whether its connections are among those that the journal counts
   };
   /// `scheme`: "http" or "https", for addresses in responses.
   Dispatcher(Parts shared, const std::vector<Route>& served, const char* urlScheme);

@@ -4,6 +4,8 @@
 
 #include "emulator/admin.h"
 #include "emulator/emulator_impl.h"
+#include "emulator/file_resource.h"
+#include "emulator/handlers.h"
 #include "emulator/ids.h"
 #include "emulator/query.h"
 #include "emulator/seed.h"
@@ -24,13 +26,17 @@ DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
       contents(ContentDirectory(options)),
       store(options.dataFile.empty() ? ":memory:" : options.dataFile, contents),
       tokens(store),
+      channels(store),
+      push(stopper),
       journal(options.log),
-      service{store, tokens},
+      service{store, tokens, uploads, channels, push},
       vocabulary(store),
       tls(options.tlsDirectory.empty() ? nullptr : ServerTls(options.tlsDirectory)),
-      dispatcher({service, faults, journal, stopper}, ApiRoutes(), tls ? "https" : "http") {
+      dispatcher({service, faults, journal, stopper, true}, ApiRoutes(), tls ? "https" : "http"),
+      pushDispatcher({service, faults, journal, stopper, false}, PushRoutes(), "http") {
   AddQueryFunctions(store.Sql());
   if (store.Count() == 0) Seed(store, options.seed);
+  store.SetListener([this](const Changed& changed) { channels.Tell(changed); });
   shaping.up.SetRate(options.bandwidth);
   shaping.down.SetRate(options.bandwidth);
   dispatcher.SetRoundTrip(options.roundTrip);
@@ -38,6 +44,7 @@ DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
       HttpServer::Settings{options.host, options.port, tls.get(), &shaping},
       [this](Connection& connection, const httplib::Request& request,
              const httplib::ContentReader* body) { dispatcher.Handle(connection, request, body); });
+  ServePush();
   admin = ServeAdmin(owner, options.host, options.adminPort);
 }
 
@@ -45,6 +52,20 @@ DriveEmulator::Impl::~Impl() {
   stopper.Stop();
   admin.reset();
   api.reset();
+  pushService.reset();
+}
+
+void DriveEmulator::Impl::ServePush() {
+  pushService =
+      std::make_unique<HttpServer>(HttpServer::Settings{options.host, 0, nullptr, nullptr},
+                                   [this](Connection& connection, const httplib::Request& request,
+                                          const httplib::ContentReader* body) {
+                                     if (request.has_header("Upgrade")) {
+                                       push.Accept(connection, request);
+                                     } else {
+                                       pushDispatcher.Handle(connection, request, body);
+                                     }
+                                   });
 }
 
 std::string DriveEmulator::Impl::Url(const HttpServer& server, bool secure) const {
@@ -57,6 +78,12 @@ DriveEmulator::~DriveEmulator() = default;
 
 std::string DriveEmulator::ApiUrl() const { return impl->Url(*impl->api, impl->tls != nullptr); }
 std::string DriveEmulator::AdminUrl() const { return impl->Url(*impl->admin, false); }
+
+std::string DriveEmulator::PushApiUrl() const { return impl->Url(*impl->pushService, false); }
+std::string DriveEmulator::PushUrl() const {
+  return "ws://" + impl->options.host + ":" + std::to_string(impl->pushService->Port()) + "/";
+}
+std::string DriveEmulator::PushUserToken() const { return PushToken(); }
 
 void DriveEmulator::AddUser(const std::string& email, const std::string& displayName) {
   impl->store.AddUser(email, displayName);
@@ -169,7 +196,9 @@ std::optional<std::string> DriveEmulator::Content(const std::string& id, int64_t
 }
 
 Json::Value DriveEmulator::Item(const std::string& id) const {
-  return impl->vocabulary.Resource(id);
+  const auto work = impl->store.Begin();
+  const auto item = impl->store.Find(id);
+  return item ? OwnersView(impl->service, *item) : Json::Value();
 }
 
 std::vector<std::string> DriveEmulator::ChildrenNamed(const std::string& parentId,
@@ -223,5 +252,17 @@ int DriveEmulator::Count(const std::string& method) const { return impl->journal
 std::vector<JournalEntry> DriveEmulator::Journal() const { return impl->journal.Entries(); }
 void DriveEmulator::ClearJournal() { impl->journal.Clear(); }
 int DriveEmulator::Connections() const { return impl->journal.Connections(); }
+
+void DriveEmulator::ExpireUploads() { impl->uploads.ExpireAll(); }
+
+void DriveEmulator::SetPushBehaviour(PushBehaviour behaviour) {
+  impl->push.SetBehaviour(behaviour);
+}
+int DriveEmulator::PushConnections() const { return impl->push.Connections(); }
+void DriveEmulator::DropPushConnections() { impl->push.DropAll(); }
+void DriveEmulator::SendPush(const std::string& channel, const std::string& text) {
+  impl->push.Send(channel, text);
+}
+int DriveEmulator::OpenChannels() const { return static_cast<int>(impl->channels.Count()); }
 
 }  // namespace emulator

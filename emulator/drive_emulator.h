@@ -123,6 +123,8 @@ class DriveEmulator {
   void ExpireTokens();
   /// Makes every refresh token invalid as well, as when a user withdraws consent.
   void RevokeTokens();
+  /// Makes every resumable upload session that exists unknown, as after a week.
+  void ExpireUploads();
   /// `total` in bytes.
   void SetQuota(const std::string& user, int64_t total);
   int64_t QuotaUsed(const std::string& user = kDemoUser) const;

@@ -326,6 +326,18 @@ void FileWriter::WriteParents(const Item& item, FieldWriter& out) {
   out.EndArray();
 }
 
+Json::Value OwnersView(Service& service, const Item& item) {
+  const httplib::Request request;
+  Call call(request);
+  const std::vector<Grant> grants = service.store.Grants(item);
+  call.user = service.store.UserNumbered(item.drive == 0  ? item.owner
+                                         : grants.empty() ? 0
+                                                          : grants.front().user);
+  FieldWriter out(FieldMask::All());
+  FileWriter(service, call).Write(item, out);
+  return ParseObject(out.Take());
+}
+
 std::string EntityTag(const Item& item) {
   return "\"" + item.id.substr(0, 12) + "/" + std::to_string(item.version) + "\"";
 }

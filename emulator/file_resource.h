@@ -44,6 +44,9 @@ class FileWriter {
 /// The reply of methods that answer one file. `call.Param("fields")` selects.
 Reply FileReply(Service& service, const Call& call, const Item& item);
 
+/// The full resource as the item's owner, or the first member of its drive, sees it.
+Json::Value OwnersView(Service& service, const Item& item);
+
 /// Changes with every change of the item; what If-Match is compared with.
 std::string EntityTag(const Item& item);
 

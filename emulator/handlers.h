@@ -1,6 +1,8 @@
 // The handlers of all routes, one source per resource. Each answers one request or throws ApiError.
 #pragma once
 
+#include <string>
+
 #include "emulator/call.h"
 #include "emulator/service.h"
 
@@ -18,6 +20,38 @@ Reply GetFile(Service& service, Call& call);
 Reply GetMedia(Service& service, Call& call);
 Reply ExportFile(Service& service, Call& call);
 Reply GenerateIds(Service& service, Call& call);
+
+// files_write.cpp
+Reply CreateFile(Service& service, Call& call);
+Reply UpdateFile(Service& service, Call& call);
+Reply DeleteFile(Service& service, Call& call);
+Reply CopyFile(Service& service, Call& call);
+Reply EmptyTrash(Service& service, Call& call);
+
+// upload_requests.cpp
+Reply StartUpload(Service& service, Call& call);
+Reply StartUpdate(Service& service, Call& call);
+Reply UploadContent(Service& service, Call& call);
+Reply CancelUpload(Service& service, Call& call);
+Reply CreateWithContent(Service& service, Call& call);
+Reply UpdateWithContent(Service& service, Call& call);
+
+// changes.cpp
+Reply StartPageToken(Service& service, Call& call);
+Reply ListChanges(Service& service, Call& call);
+/// The change number that "pageToken" names. Throws ApiError when it is absent, or of the future.
+int64_t ChangeToken(Service& service, const Call& call);
+
+// channel_requests.cpp
+Reply WatchChanges(Service& service, Call& call);
+Reply WatchFile(Service& service, Call& call);
+Reply StopChannel(Service& service, Call& call);
+
+// push_requests.cpp
+Reply Subscribe(Service& service, Call& call);
+Reply ReceiveNotice(Service& service, Call& call);
+/// The only token that the push service knows.
+std::string PushToken();
 
 // drives.cpp
 Reply ListDrives(Service& service, Call& call);

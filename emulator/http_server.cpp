@@ -82,6 +82,9 @@ HttpServer::HttpServer(Settings serverSettings, Dispatch dispatchRequest)
                              std::to_string(settings.port) +
                              "; is another program using the port?");
   }
+  // The library lets five connections wait: of more that come at once, the rest would be held up
+  // until their clients ask again a second later.
+  ::listen(svr_sock_, SOMAXCONN);
   listener = std::thread([this] { listen_after_bind(); });
   while (!is_running()) std::this_thread::yield();
 }

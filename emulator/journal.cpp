@@ -28,7 +28,8 @@ void Print(const JournalEntry& entry) {
 
 }  // namespace
 
-JournalEntry RequestJournal::Begin(const std::string& method, uint64_t connection) {
+JournalEntry RequestJournal::Begin(const std::string& method, uint64_t connection,
+                                   bool countsConnection) {
   JournalEntry entry;
   entry.method = method;
   entry.connection = connection;
@@ -37,7 +38,7 @@ JournalEntry RequestJournal::Begin(const std::string& method, uint64_t connectio
   entry.id = ++lastId;
   ++counts[method];
   ++counts["*"];
-  connections.insert(connection);
+  if (countsConnection) connections.insert(connection);
   return entry;
 }
 

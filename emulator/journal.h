@@ -19,7 +19,7 @@ class RequestJournal {
   explicit RequestJournal(bool echo) : echoing(echo) {}
 
   /// Counts a request; its entry goes back through End.
-  JournalEntry Begin(const std::string& method, uint64_t connection);
+  JournalEntry Begin(const std::string& method, uint64_t connection, bool countsConnection);
   void End(JournalEntry entry);
 
   int Count(const std::string& method) const;

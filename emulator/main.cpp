@@ -40,7 +40,8 @@ void Apply(Arguments& arguments) {
 }
 
 void PrintReady(emulator::DriveEmulator& drive) {
-  std::printf("ready api=%s admin=%s\n", drive.ApiUrl().c_str(), drive.AdminUrl().c_str());
+  std::printf("ready api=%s admin=%s push=%s push-api=%s\n", drive.ApiUrl().c_str(),
+              drive.AdminUrl().c_str(), drive.PushUrl().c_str(), drive.PushApiUrl().c_str());
   std::fflush(stdout);
 }
 

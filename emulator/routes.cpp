@@ -28,7 +28,7 @@ bool MatchPath(std::string_view pattern, std::string_view path,
       return false;
     }
   }
-  return pattern.empty() && path.empty();
+  return (pattern.empty() || pattern == "/") && (path.empty() || path == "/");
 }
 
 bool MatchParameter(std::string_view wanted, const httplib::Request& request) {
@@ -41,14 +41,43 @@ bool MatchParameter(std::string_view wanted, const httplib::Request& request) {
 }  // namespace
 
 const std::vector<Route>& ApiRoutes() {
+  static const char* const kFiles = "/drive/v3/files";
+  static const char* const kFile = "/drive/v3/files/{fileId}";
+  static const char* const kUploads = "/upload/drive/v3/files";
+  static const char* const kUpload = "/upload/drive/v3/files/{fileId}";
+  static const char* const kContent = "drive.upload.content";
+  static const char* const kStart = "drive.upload.start";
+  static const char* const kResumable = "uploadType=resumable";
   static const std::vector<Route> routes{
       {"GET", "/drive/v2/about", "drive.about.get.v2", AboutV2},
       {"GET", "/drive/v3/about", "drive.about.get", AboutV3},
-      {"GET", "/drive/v3/files", "drive.files.list", ListFiles},
+      {"GET", kFiles, "drive.files.list", ListFiles},
+      {"POST", kFiles, "drive.files.create", CreateFile},
       {"GET", "/drive/v3/files/generateIds", "drive.files.generateIds", GenerateIds},
-      {"GET", "/drive/v3/files/{fileId}", "drive.files.get.media", GetMedia, "alt=media"},
-      {"GET", "/drive/v3/files/{fileId}", "drive.files.get", GetFile},
+      {"DELETE", "/drive/v3/files/trash", "drive.files.emptyTrash", EmptyTrash},
+      {"GET", kFile, "drive.files.get.media", GetMedia, "alt=media"},
+      {"GET", kFile, "drive.files.get", GetFile},
+      {"PATCH", kFile, "drive.files.update", UpdateFile},
+      {"DELETE", kFile, "drive.files.delete", DeleteFile},
+      {"POST", "/drive/v3/files/{fileId}/copy", "drive.files.copy", CopyFile},
       {"GET", "/drive/v3/files/{fileId}/export", "drive.files.export", ExportFile},
+      {"POST", "/drive/v3/files/{fileId}/watch", "drive.files.watch", WatchFile},
+      {"PUT", kUploads, kContent, UploadContent, "upload_id", false, true},
+      {"PUT", kUpload, kContent, UploadContent, "upload_id", false, true},
+      {"POST", kUploads, kContent, UploadContent, "upload_id", false, true},
+      {"PATCH", kUpload, kContent, UploadContent, "upload_id", false, true},
+      {"DELETE", kUploads, "drive.upload.cancel", CancelUpload, "upload_id", false},
+      {"DELETE", kUpload, "drive.upload.cancel", CancelUpload, "upload_id", false},
+      {"POST", kUploads, kStart, StartUpload, kResumable},
+      {"PATCH", kUpload, kStart, StartUpdate, kResumable},
+      {"PUT", kUpload, kStart, StartUpdate, kResumable},
+      {"POST", kUploads, "drive.files.create.media", CreateWithContent},
+      {"PATCH", kUpload, "drive.files.update.media", UpdateWithContent},
+      {"GET", "/drive/v3/changes/startPageToken", "drive.changes.getStartPageToken",
+       StartPageToken},
+      {"GET", "/drive/v3/changes", "drive.changes.list", ListChanges},
+      {"POST", "/drive/v3/changes/watch", "drive.changes.watch", WatchChanges},
+      {"POST", "/drive/v3/channels/stop", "drive.channels.stop", StopChannel},
       {"GET", "/drive/v3/drives", "drive.drives.list", ListDrives},
       {"GET", "/drive/v3/drives/{driveId}", "drive.drives.get", GetDrive},
       {"GET", "/drive/v3/teamdrives", "drive.teamdrives.list", ListTeamDrives},
@@ -58,7 +87,10 @@ const std::vector<Route>& ApiRoutes() {
 }
 
 const std::vector<Route>& PushRoutes() {
-  static const std::vector<Route> routes{};
+  static const std::vector<Route> routes{
+      {"POST", "/api/v1/change_subscriptions/", "push.subscribe", Subscribe, "", false},
+      {"POST", "/webhook/{channel}", "push.webhook", ReceiveNotice, "", false},
+  };
   return routes;
 }
 

@@ -9,12 +9,18 @@
 
 namespace emulator {
 
+class Channels;
+class PushHub;
 class Tokens;
+class Uploads;
 
 /// Members are owned by the emulator and may be used from any thread.
 struct Service {
   Store& store;
   Tokens& tokens;
+  Uploads& uploads;
+  Channels& channels;
+  PushHub& push;
 };
 
 /// The item of an id or alias ("root") as the caller may see it. Throws ApiError (404) when it

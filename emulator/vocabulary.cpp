@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "emulator/file_resource.h"
 #include "emulator/ids.h"
 #include "emulator/times.h"
-#include "emulator/tokens.h"
 
 namespace emulator {
 
@@ -178,23 +176,6 @@ Json::Value Vocabulary::Node(const Item& item) {
   });
   for (const Item& child : children) node["children"].append(Node(child));
   return node;
-}
-
-Json::Value Vocabulary::Resource(const std::string& id) {
-  const auto work = store.Begin();
-  const auto item = store.Find(id);
-  if (!item) return Json::Value();
-  Tokens tokens(store);
-  Service service{store, tokens};
-  const httplib::Request request;
-  Call call(request);
-  call.user = store.UserNumbered(item->owner);
-  for (const Grant& grant : store.Grants(*item)) {
-    if (call.user.n == 0) call.user = store.UserNumbered(grant.user);
-  }
-  FieldWriter out(FieldMask::All());
-  FileWriter(service, call).Write(*item, out);
-  return ParseObject(out.Take());
 }
 
 Json::Value Vocabulary::DumpTree(const std::string& email) {

@@ -29,8 +29,6 @@ class Vocabulary {
   std::optional<std::string> Find(const std::string& path, const std::string& user);
   std::optional<std::string> Content(const std::string& id, int64_t offset, int64_t length);
   Json::Value DumpTree(const std::string& user);
-  /// The File resource of an item as its owner (or the first member of its drive) sees it.
-  Json::Value Resource(const std::string& id);
 
   /// The next items made get these times instead of the present; 0 ends it. For seeds, which are
   /// the same on every run; ids are then derived from names and places too.
