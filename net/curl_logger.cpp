@@ -1,7 +1,19 @@
 #include "net/curl_logger.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "net/logging.h"
 #include "net/memory_callbacks.h"
+
+namespace {
+
+/// Bytes per second for a log line; a short transfer can look faster than an int holds.
+int Whole(double speed) {
+  return static_cast<int>(std::min(speed, static_cast<double>(std::numeric_limits<int>::max())));
+}
+
+}  // namespace
 
 CURLLogger::CURLLogger() { SetOption(CURLOPT_ERRORBUFFER, ErrorBuffer()); }
 
@@ -25,8 +37,7 @@ _CURLRTN CURLLogger::PerformGet(void* writeFunction, void* writeData) {
   Prepare();
   _CURLRTN result = CURLImpl::PerformGet(writeFunction, writeData);
   __LOG__A(logger, kLogDetail, "[PERF      ] Download %db/s : %s(%d bytes)",
-           static_cast<int>(result.downloadSpeed), GetURL().c_str(),
-           static_cast<int>(result.bodyLength));
+           Whole(result.downloadSpeed), GetURL().c_str(), static_cast<int>(result.bodyLength));
   return result;
 }
 
@@ -49,6 +60,6 @@ _CURLRTN CURLLogger::PerformPost(void* readFunction, void* readData, long long s
 
 void CURLLogger::LogUpload(const _CURLRTN& result, long long sent) {
   __LOG__A(logger, kLogDetail, "[PERF      ] Upload %db/s / Download %db/s : %s(%d / %d bytes)",
-           static_cast<int>(result.uploadSpeed), static_cast<int>(result.downloadSpeed),
-           GetURL().c_str(), static_cast<int>(sent), static_cast<int>(result.bodyLength));
+           Whole(result.uploadSpeed), Whole(result.downloadSpeed), GetURL().c_str(),
+           static_cast<int>(sent), static_cast<int>(result.bodyLength));
 }

@@ -16,7 +16,6 @@ constexpr int64_t kCallsInPeriod = 5;
 
 GoogleCURL::GoogleCURL(const std::string& quotaUser) : quota_user(quotaUser) {
   SetSSLDefaults();
-  if (!quota_user.empty()) AddQuery("quotaUser", quota_user);
   const std::lock_guard guard(_curlm);
   _curlbegin = SteadyNow();
 }

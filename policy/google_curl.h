@@ -12,7 +12,8 @@
 
 class GoogleCURL : public CURLImpl {
  public:
-  /// `quotaUser` is sent as the "quotaUser" query parameter unless empty.
+  /// `quotaUser` is sent as the "quotaUser" query parameter unless empty: from the first Clear on,
+  /// so not with the first request of all.
   /// https://cloud.google.com/apis/docs/capping-api-usage
   explicit GoogleCURL(const std::string& quotaUser = {});
 
