@@ -1,12 +1,14 @@
 #include "host/mount/name_map.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 
 namespace host::mount {
 namespace {
 
 /// Length of "(25)*CODE" at the start of `text` for one of the given codes; 0 when there is none.
-size_t EscapeTail(std::string_view text, std::initializer_list<std::string_view> codes, bool whole) {
+size_t EscapeTail(std::string_view text, std::span<const std::string_view> codes, bool whole) {
   size_t at = 0;
   for (;;) {
     for (const std::string_view code : codes)
@@ -17,8 +19,8 @@ size_t EscapeTail(std::string_view text, std::initializer_list<std::string_view>
   }
 }
 
-constexpr std::initializer_list<std::string_view> kSlash = {"2F"};
-constexpr std::initializer_list<std::string_view> kWhole = {"2E", "2E%2E", "00"};
+constexpr std::array<std::string_view, 1> kSlash = {"2F"};
+constexpr std::array<std::string_view, 3> kWhole = {"2E", "2E%2E", "00"};
 
 /// True when the whole name is one of the escapes of ".", ".." and "", however often quoted.
 bool IsWholeEscape(std::string_view name) {
@@ -129,7 +131,8 @@ std::string WithMark(const std::string& name, const std::string& mark) {
 std::string ShownName(std::string_view driveName, std::string_view id,
                       const std::function<bool(const std::string&)>& taken) {
   const bool sound = IsUtf8(driveName) && driveName.find('\0') == std::string_view::npos;
-  const std::string name = LocalName(sound ? std::string(driveName) : WithoutInvalidBytes(driveName));
+  const std::string name =
+      LocalName(sound ? std::string(driveName) : WithoutInvalidBytes(driveName));
   if (sound && name.size() <= kMaxNameBytes && !taken(name)) return name;
   for (size_t tail = std::min<size_t>(6, id.size()); tail < id.size(); ++tail) {
     std::string marked = WithMark(name, "~" + LocalName(id.substr(id.size() - tail)));

@@ -1,0 +1,107 @@
+#include "host/mount/content.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace host::mount {
+namespace {
+
+int WriteAll(int descriptor, std::span<const char> bytes, int64_t offset) {
+  while (!bytes.empty()) {
+    const ssize_t count = pwrite(descriptor, bytes.data(), bytes.size(), offset);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return errno;
+    bytes = bytes.subspan(static_cast<size_t>(count));
+    offset += count;
+  }
+  return 0;
+}
+
+}  // namespace
+
+Content::Content(int64_t contentNumber, int fileDescriptor, int64_t fileSize)
+    : number(contentNumber), pages(fileSize), descriptor(fileDescriptor), size(fileSize) {}
+
+Content::~Content() { close(descriptor); }
+
+ssize_t Content::ReadAt(std::span<char> buffer, int64_t offset) {
+  std::shared_lock lock(io);
+  const int64_t left = std::max<int64_t>(size - offset, 0);
+  const size_t wanted = std::min(buffer.size(), static_cast<size_t>(left));
+  size_t done = 0;
+  while (done < wanted) {
+    const ssize_t count =
+        pread(descriptor, buffer.data() + done, wanted - done, offset + static_cast<int64_t>(done));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return -errno;
+    if (count == 0) return -EIO;  // shorter than it was: somebody else cut it
+    done += static_cast<size_t>(count);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+ssize_t Content::ReadUnchanged(std::span<char> buffer, int64_t offset, uint64_t expected) {
+  if (writes != expected) return -EAGAIN;
+  const ssize_t count = ReadAt(buffer, offset);
+  return writes == expected ? count : -EAGAIN;
+}
+
+int Content::Write(std::span<const char> bytes, int64_t offset) {
+  std::unique_lock lock(io);
+  ++writes;
+  const int error = WriteAll(descriptor, bytes, offset);
+  if (error == 0) size = std::max<int64_t>(size, offset + static_cast<int64_t>(bytes.size()));
+  return error;
+}
+
+int Content::Truncate(int64_t newSize) {
+  std::unique_lock lock(io);
+  ++writes;
+  if (ftruncate(descriptor, newSize) != 0) return errno;
+  size = newSize;
+  return 0;
+}
+
+int Content::Sync() { return fdatasync(descriptor) == 0 ? 0 : errno; }
+
+int Content::Store(std::span<const char> bytes, int64_t offset) {
+  return WriteAll(descriptor, bytes, offset);
+}
+
+void Content::MarkComplete() {
+  std::lock_guard lock(mutex);
+  pages.Resize(size);
+  pages.SetAll(Page::kPresent);
+  mapChanged = true;
+}
+
+bool Content::IsComplete() {
+  std::lock_guard lock(mutex);
+  return pages.Complete();
+}
+
+bool Content::Snapshot(std::string& bits, int64_t& bytes) {
+  {
+    std::lock_guard lock(mutex);
+    if (!mapChanged) return false;
+    mapChanged = false;
+    bits = pages.ToBits();
+    bytes = std::min(pages.PresentPages() * kPageBytes, static_cast<int64_t>(size));
+  }
+  return Sync() == 0;
+}
+
+void Content::AbandonReadAhead() {
+  std::lock_guard lock(mutex);
+  for (const std::shared_ptr<Fetch>& fetch : fetches)
+    if (!fetch->awaited) Abandon(fetch->transfer);
+}
+
+void Content::AbandonAll() {
+  std::lock_guard lock(mutex);
+  for (const std::shared_ptr<Fetch>& fetch : fetches) Abandon(fetch->transfer);
+}
+
+}  // namespace host::mount

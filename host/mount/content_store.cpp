@@ -1,0 +1,151 @@
+#include "host/mount/content_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "host/core/failure.h"
+#include "host/core/paths.h"
+
+namespace host::mount {
+namespace fs = std::filesystem;
+
+ContentStore::ContentStore(State& owner, fs::path place, int64_t limitBytes)
+    : state(owner), directory(std::move(place)), limit(limitBytes) {
+  MakePrivateDirectory(directory);
+}
+
+ContentStore::~ContentStore() {
+  try {
+    SaveMaps();
+  } catch (const std::exception&) {
+    // What is not noted will be fetched again.
+  }
+}
+
+fs::path ContentStore::PathOf(int64_t content) const { return directory / std::to_string(content); }
+
+ContentPtr ContentStore::Open(const ContentRow& row) {
+  std::lock_guard lock(mutex);
+  std::weak_ptr<Content>& slot = live[row.content];
+  if (ContentPtr open = slot.lock()) return open;
+  const fs::path path = PathOf(row.content);
+  const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  struct stat status {};
+  if (descriptor < 0 || fstat(descriptor, &status) != 0)
+    throw Failure("cannot open " + path.string() + ": " + std::strerror(errno),
+                  "check the disk that holds it");
+  auto content =
+      std::make_shared<Content>(row.content, descriptor, row.dirty ? status.st_size : row.size);
+  if (row.dirty) {
+    content->pages.SetAll(Page::kPresent);
+  } else if (status.st_size == row.size) {
+    content->pages.FromBits(row.present);
+  } else if (ftruncate(descriptor, 0) != 0 || ftruncate(descriptor, row.size) != 0) {
+    throw Failure("cannot size " + path.string() + ": " + std::strerror(errno),
+                  "make room on the disk");
+  }
+  slot = content;
+  return content;
+}
+
+ContentPtr ContentStore::Create(ContentRow& row) {
+  row.used = NowSeconds();
+  state.contents.Insert(row);
+  return Open(row);
+}
+
+void ContentStore::Remove(int64_t content) {
+  if (content == 0) return;
+  state.contents.Erase(content);
+  std::lock_guard lock(mutex);
+  live.erase(content);
+  unlink(PathOf(content).c_str());
+}
+
+ContentPtr ContentStore::Current(Item& item) {
+  if (item.content == 0) return nullptr;
+  std::optional<ContentRow> row = state.contents.Find(item.content);
+  const bool usable = row && (row->dirty || (row->id == item.id && row->time == item.remoteTime &&
+                                             row->size == item.remoteSize));
+  if (usable) {
+    if (const int64_t now = NowSeconds(); row->used != now) {
+      row->used = now;
+      state.contents.Update(*row);
+    }
+    return Open(*row);
+  }
+  Remove(item.content);
+  item.content = 0;
+  state.items.Update(item);
+  return nullptr;
+}
+
+std::vector<ContentPtr> ContentStore::Live() {
+  std::lock_guard lock(mutex);
+  std::vector<ContentPtr> contents;
+  for (auto at = live.begin(); at != live.end();) {
+    ContentPtr content = at->second.lock();
+    at = content ? std::next(at) : live.erase(at);
+    if (content) contents.push_back(std::move(content));
+  }
+  return contents;
+}
+
+void ContentStore::Save(const ContentPtr& content) {
+  std::string bits;
+  int64_t bytes = 0;
+  if (!content->Snapshot(bits, bytes)) return;
+  std::lock_guard lock(state.mutex);
+  std::optional<ContentRow> row = state.contents.Find(content->number);
+  if (!row || row->dirty) return;
+  row->present = bits;
+  row->bytes = bytes;
+  state.contents.Update(*row);
+}
+
+void ContentStore::SaveMaps() {
+  for (const ContentPtr& content : Live()) Save(content);
+}
+
+bool ContentStore::SyncDirectory() {
+  const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const bool synced = fsync(descriptor) == 0;
+  close(descriptor);
+  return synced;
+}
+
+void ContentStore::MakeRoom(int64_t room) {
+  const std::vector<ContentPtr> inUse = Live();
+  std::set<int64_t> kept;
+  for (const ContentPtr& content : inUse) kept.insert(content->number);
+  std::lock_guard lock(state.mutex);
+  int64_t excess = state.contents.CleanBytes() + room - limit;
+  if (excess <= 0) return;
+  state.Change([&] {
+    for (const ContentRow& row : state.contents.Evictable(static_cast<int>(kept.size()) + 1000)) {
+      if (excess <= 0) break;
+      if (kept.count(row.content) != 0) continue;
+      excess -= row.bytes;
+      Remove(row.content);
+    }
+  });
+}
+
+void ContentStore::RemoveUnknown() {
+  std::set<std::string> known;
+  {
+    std::lock_guard lock(state.mutex);
+    for (const int64_t number : state.contents.Numbers()) known.insert(std::to_string(number));
+  }
+  std::error_code ignored;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory, ignored))
+    if (known.count(entry.path().filename().string()) == 0) fs::remove(entry.path(), ignored);
+}
+
+}  // namespace host::mount

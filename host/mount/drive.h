@@ -1,0 +1,97 @@
+// One mounted drive: the rooms of the mount put together, without the kernel.
+//
+// Made and ended by one thread; in between its parts may be used from any.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "host/mount/files.h"
+#include "host/mount/upload_queue.h"
+
+namespace host::mount {
+
+/// Where the plug-in reports changed folders. It may do so until the protocol object is released,
+/// so the relay outlives that object while drives come and go. Thread-safe.
+class ChangeRelay final : public IFileChanges {
+ public:
+  void SetReceiver(std::function<void(const std::string&)> function);
+
+  void Reserved0() override {}
+  void Reserved1() override {}
+  void Reserved2() override {}
+  void Changed(const char* folderId) override;
+
+ private:
+  std::mutex mutex;
+  std::function<void(const std::string&)> receiver;  // called with the mutex held
+};
+
+class Drive final : private Observer {
+ public:
+  /// `protocol` and `relay` are not owned; the tables go to `database`, files below `contents`.
+  /// An empty `rootId` means that the service could not be asked: the remembered one is used.
+  /// Throws Failure.
+  Drive(IProtocol_V2& protocol, ChangeRelay& relay, const std::filesystem::path& database,
+        const std::filesystem::path& contents, const std::string& rootId, Settings settings);
+  ~Drive();
+
+  /// Begins to follow the service and to send what is owed. `connect` is called in the background,
+  /// again and again until it returns true: until then the plug-in has no account to work with.
+  void Start(std::function<bool()> connect = nullptr);
+  /// Ends all requests. What is owed stays in the journal.
+  void Stop();
+  void SetKernel(Observer* kernel) { observer = kernel; }
+
+  /// Polls once, now.
+  void Poll();
+  /// Keeps an item, and all below it, on the local disk. A positive errno or 0.
+  int Pin(Inode ino, bool pinned);
+
+  struct Quota {
+    uint64_t total = 0, used = 0;  ///< bytes; 0: never known
+  };
+  Quota RememberedQuota();
+  bool Connected();
+
+  const Settings settings;
+  State state;
+  Remote remote;
+  ContentStore store;
+
+ private:
+  TaskPool listPool, fetchPool;
+
+ public:
+  FolderCache folders;
+  Reader reader;
+  Settler settler;
+  UploadQueue queue;
+  Tree tree;
+  Files files;
+
+ private:
+  void Changed(const Notices& notices) override;
+  void TakeRoot(const std::string& rootId);
+  void Follow(std::function<bool()> connect);
+  void Housekeep();
+  void AskQuota();
+  void FetchPinned();
+
+  ChangeRelay& relay;
+  std::atomic<Observer*> observer{nullptr};
+  std::mutex mutex;  // guards what is below
+  std::condition_variable wake;
+  bool stopping = false;
+  bool connected = true;
+  bool pinsChanged = true;
+  Quota quota;
+  std::thread follower, housekeeper;
+};
+
+}  // namespace host::mount

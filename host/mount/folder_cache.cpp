@@ -1,0 +1,168 @@
+#include "host/mount/folder_cache.h"
+
+#include <cerrno>
+
+#include "host/mount/errno_map.h"
+#include "host/mount/listing_merge.h"
+
+namespace host::mount {
+namespace {
+
+constexpr int kDepthAhead = 2;
+/// More waiting listings than this, and no further ones are begun ahead.
+constexpr size_t kLongestBacklog = 1000;
+
+}  // namespace
+
+int FolderCache::Ensure(Inode folder) {
+  const Standing standing = Look(folder);
+  if (standing.error != 0 || !standing.atService) return standing.error;
+  if (!standing.listed) {
+    const int error = Wait(Start(folder, Urgency::kInteractive, kDepthAhead));
+    NoteLook(folder);
+    return error;
+  }
+  if (standing.outdated) Start(folder, Urgency::kBackground, 1);
+  if (NoteLook(folder)) ListAhead(folder, kDepthAhead);
+  return 0;
+}
+
+FolderCache::Standing FolderCache::Look(Inode folder) {
+  std::lock_guard lock(state.mutex);
+  const std::optional<Item> item = state.items.Find(folder);
+  if (!item || item->deleted) return {.error = ENOENT};
+  if (!item->IsFolder()) return {.error = ENOTDIR};
+  const Milliseconds age{(NowSeconds() - item->listedAt) * 1000};
+  return {.atService = !item->id.empty(),
+          .listed = item->listedAt > 0,
+          .outdated = item->stale || age > settings.folderAge};
+}
+
+bool FolderCache::NoteLook(Inode folder) {
+  std::lock_guard lock(mutex);
+  return lookedAt.insert(folder).second;
+}
+
+int FolderCache::RefreshNow(Inode folder) { return Wait(Start(folder, Urgency::kInteractive, 0)); }
+
+void FolderCache::ReportChange(const std::string& folderId) {
+  std::vector<Inode> listed;
+  {
+    std::lock_guard lock(state.mutex);
+    for (Item& item : state.items.WithId(folderId)) {
+      if (!item.IsFolder() || item.listedAt == 0 || item.deleted) continue;
+      listed.push_back(item.ino);
+      item.stale = true;
+      state.items.Update(item);
+    }
+  }
+  for (const Inode folder : listed) {
+    {
+      std::lock_guard lock(mutex);
+      if (const auto at = running.find(folder); at != running.end()) at->second->again = true;
+      // What nobody has looked at is renewed when somebody does.
+      if (lookedAt.count(folder) == 0) continue;
+    }
+    Start(folder, Urgency::kInteractive, 0);
+  }
+}
+
+void FolderCache::Tell(const Notices& notices) {
+  Observer* who = observer;
+  if (who != nullptr && !notices.empty()) who->Changed(notices);
+}
+
+FolderCache::ListingPtr FolderCache::Start(Inode folder, Urgency urgency, int depth) {
+  ListingPtr listing;
+  {
+    std::lock_guard lock(mutex);
+    ListingPtr& slot = running[folder];
+    const bool known = slot != nullptr;
+    if (!known) slot = std::make_shared<Listing>();
+    listing = slot;
+    listing->depth = std::max(listing->depth, depth);
+    if (known && (urgency == Urgency::kBackground || listing->claimed)) return listing;
+  }
+  // One that waits in the background is queued again in front; the first to run claims it.
+  if (!pool.Submit(urgency, [this, folder, listing] { Run(folder, listing); }))
+    Finish(folder, listing, EIO);
+  return listing;
+}
+
+void FolderCache::Run(Inode folder, const ListingPtr& listing) {
+  if (listing->claimed.exchange(true)) return;
+  int error = EIO;
+  try {
+    error = ListAndMerge(folder);
+  } catch (const std::exception&) {
+    // The database refused; the folder stays as it was.
+  }
+  const int depth = Finish(folder, listing, error);
+  if (error == 0) ListAhead(folder, depth);
+}
+
+int FolderCache::Finish(Inode folder, const ListingPtr& listing, int error) {
+  bool again = false;
+  int depth = 0;
+  {
+    std::lock_guard lock(mutex);
+    listing->error = error;
+    listing->done = true;
+    again = listing->again;
+    depth = listing->depth;
+    running.erase(folder);
+  }
+  listing->ended.notify_all();
+  if (again) Start(folder, Urgency::kInteractive, 0);
+  return depth;
+}
+
+int FolderCache::ListAndMerge(Inode folder) {
+  std::string id;
+  int64_t begun = 0;
+  {
+    std::lock_guard lock(state.mutex);
+    const std::optional<Item> item = state.items.Find(folder);
+    if (!item || item->deleted) return ENOENT;
+    id = item->id;
+    begun = state.Stamp();
+  }
+  if (id.empty()) return 0;
+  std::vector<RemoteItem> listed;
+  if (const AERROR code = remote.List(id, listed); code != AERROR::SUCCESS) return ErrnoOf(code);
+  // Without an account the drive's top has a nameless root folder in it.
+  for (const RemoteItem& item : listed)
+    if (item.id.empty()) return EIO;
+  Notices notices;
+  {
+    std::lock_guard lock(state.mutex);
+    notices = ListingMerge(state, store, settings, begun).Apply(folder, listed);
+  }
+  Tell(notices);
+  return 0;
+}
+
+void FolderCache::ListAhead(Inode folder, int depth) {
+  if (depth <= 0 || pool.Backlog() > kLongestBacklog) return;
+  std::vector<Item> below;
+  {
+    std::lock_guard lock(state.mutex);
+    below = state.items.Children(folder);
+  }
+  for (const Item& item : below) {
+    if (!item.IsFolder() || item.id.empty()) continue;
+    if (item.listedAt == 0)
+      Start(item.ino, Urgency::kBackground, depth - 1);
+    else
+      ListAhead(item.ino, depth - 1);
+  }
+}
+
+int FolderCache::Wait(const ListingPtr& listing) {
+  std::unique_lock lock(mutex);
+  const bool ended =
+      listing->ended.wait_for(lock, settings.patience, [&] { return listing->done; });
+  return ended ? listing->error : ETIMEDOUT;
+}
+
+}  // namespace host::mount

@@ -1,0 +1,180 @@
+#include "host/mount/listing_merge.h"
+
+#include <algorithm>
+
+#include "host/mount/name_map.h"
+#include "host/mount/times.h"
+
+namespace host::mount {
+namespace {
+
+/// The address in a web-location file.
+std::string AddressIn(const std::string& content) {
+  const size_t from = content.find("<string>");
+  const size_t to = content.find("</string>");
+  if (from == std::string::npos || to == std::string::npos || to < from + 8) return "";
+  return content.substr(from + 8, to - from - 8);
+}
+
+std::string DesktopLink(const std::string& name, const std::string& address) {
+  return "[Desktop Entry]\nType=Link\nName=" + name + "\nURL=" + address + "\nIcon=text-html\n";
+}
+
+/// The record as this mount shows it.
+RemoteItem Shown(RemoteItem record, const Settings& settings) {
+  constexpr std::string_view kSuffix = ".webloc";
+  const bool document = (record.attributes & kFsInlineContent) != 0;
+  if (document && settings.desktopLinks && record.name.ends_with(kSuffix)) {
+    record.name.resize(record.name.size() - kSuffix.size());
+    record.content = DesktopLink(record.name, AddressIn(record.content));
+    record.name += ".desktop";
+    record.size = static_cast<int64_t>(record.content.size());
+  }
+  return record;
+}
+
+std::string Others(const RemoteItem& record, const std::string& parentId) {
+  std::string others;
+  for (const std::string& parent : record.parents)
+    if (parent != parentId) others += (others.empty() ? "" : " ") + parent;
+  return others;
+}
+
+bool ListsParent(const RemoteItem& record, const std::string& id) {
+  return std::find(record.parents.begin(), record.parents.end(), id) != record.parents.end();
+}
+
+}  // namespace
+
+void FillRemote(Item& item, const RemoteItem& record, const std::string& parentId) {
+  item.id = record.id;
+  item.remoteName = record.name;
+  item.remoteParent = parentId;
+  item.remoteTime = record.time3;
+  item.remoteSize = record.size;
+  item.otherParents = Others(record, parentId);
+}
+
+Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed) {
+  state.Change([&] {
+    std::optional<Item> folder = state.items.Find(ino);
+    if (!folder || folder->deleted) return;
+    const std::vector<std::string> names = state.journal.AttemptedIn(folder->id);
+    attempted.insert(names.begin(), names.end());
+    for (const RemoteItem& record : listed)
+      if (!record.id.empty()) Take(*folder, Shown(record, settings));
+    RemoveMissing(*folder);
+    folder = state.items.Find(ino);
+    if (!folder) return;
+    folder->listedAt = NowSeconds();
+    folder->stale = uncertain;
+    state.items.Update(*folder);
+  });
+  return std::move(notices);
+}
+
+void ListingMerge::Take(const Item& folder, const RemoteItem& record) {
+  if (!seen.insert(record.id).second) return;
+  const auto buried = state.buried.find(record.id);
+  if (buried != state.buried.end() && buried->second > begun) return;
+  const std::vector<Item> holders = state.items.WithId(record.id);
+  for (const Item& item : holders) {
+    // Known here, or known here by the service and already elsewhere on the mount.
+    if (item.remoteParent == folder.id || item.parent == folder.ino) {
+      if (item.stamp <= begun && !item.deleted) Refresh(item, record);
+      return;
+    }
+  }
+  if (attempted.count(record.name) != 0) {
+    uncertain = true;
+    return;
+  }
+  if (!AdoptMoved(folder, record, holders)) Add(folder, record);
+}
+
+bool ListingMerge::AdoptMoved(const Item& folder, const RemoteItem& record,
+                              const std::vector<Item>& holders) {
+  if (folder.IsVirtualFolder()) return false;
+  for (Item item : holders) {
+    const std::optional<Item> old = state.items.Find(item.parent);
+    if (item.stamp > begun) return true;  // this host has moved it since
+    if (item.deleted || item.remoteParent.empty() || ListsParent(record, item.remoteParent) ||
+        (old && old->IsVirtualFolder()))
+      continue;
+    const bool movedHereToo = old && old->id != item.remoteParent;
+    item.remoteParent = folder.id;
+    if (!movedHereToo) {
+      notices.push_back({Notice::kEntry, item.parent, item.name});
+      item.parent = folder.ino;
+      item.name = state.FreeName(folder.ino, item);
+      notices.push_back({Notice::kEntry, item.parent, item.name});
+    }
+    state.items.Update(item);
+    Refresh(item, record);
+    return true;
+  }
+  return false;
+}
+
+void ListingMerge::Add(const Item& folder, const RemoteItem& record) {
+  Item item;
+  item.parent = folder.ino;
+  item.driveName = record.name;
+  item.attributes = record.attributes;
+  item.size = record.size;
+  item.mtime = FromRfc3339(record.time3);
+  item.inlineContent = record.content;
+  FillRemote(item, record, folder.id);
+  item.name = state.FreeName(folder.ino, item);
+  state.items.Insert(item);
+  if (state.IsPinned(folder.ino)) state.Pin(item.ino, true);
+  notices.push_back({Notice::kEntry, folder.ino, item.name});
+}
+
+void ListingMerge::Refresh(Item item, const RemoteItem& record) {
+  const Item before = item;
+  TakeName(item, record);
+  TakeVersion(item, record);
+  item.otherParents = Others(record, item.remoteParent);
+  item.attributes = record.attributes;
+  state.items.Update(item);
+  if (before.name != item.name) {
+    notices.push_back({Notice::kEntry, item.parent, before.name});
+    notices.push_back({Notice::kEntry, item.parent, item.name});
+  }
+}
+
+void ListingMerge::TakeName(Item& item, const RemoteItem& record) {
+  if (record.name == item.remoteName) return;
+  const bool renamedHere = Trimmed(item.driveName) != item.remoteName;
+  item.remoteName = record.name;
+  if (renamedHere) return;
+  item.driveName = record.name;
+  item.name = state.FreeName(item.parent, item);
+}
+
+void ListingMerge::TakeVersion(Item& item, const RemoteItem& record) {
+  if (record.time3 == item.remoteTime && record.size == item.remoteSize &&
+      record.content == item.inlineContent)
+    return;
+  const std::optional<JournalRow> row = state.journal.Find(item.ino);
+  // Local bytes on their way: the upload finds the difference and keeps both.
+  if (row && (row->content != 0 || row->editing)) return;
+  item.remoteTime = record.time3;
+  item.remoteSize = record.size;
+  item.size = record.size;
+  item.inlineContent = record.content;
+  if (!row || !row->times) item.mtime = FromRfc3339(record.time3);
+  notices.push_back({Notice::kVersion, item.ino, ""});
+}
+
+void ListingMerge::RemoveMissing(const Item& folder) {
+  for (const Item& item : state.items.Children(folder.ino)) {
+    if (item.id.empty() || seen.count(item.id) != 0 || item.stamp > begun) continue;
+    // Moved here by a program; the service has yet to follow.
+    if (item.remoteParent != folder.id) continue;
+    GoneAtService(state, store, item, notices);
+  }
+}
+
+}  // namespace host::mount

@@ -1,0 +1,48 @@
+// Bringing the items of a folder in line with what the service lists there.
+//
+// What programs on the mount changed and the service does not have yet wins over the listing; so
+// does what this host did at the service after the listing began.
+#pragma once
+
+#include <set>
+
+#include "host/mount/content_store.h"
+#include "host/mount/forget.h"
+#include "host/mount/remote.h"
+#include "host/mount/settings.h"
+
+namespace host::mount {
+
+class ListingMerge {
+ public:
+  /// `begun`: State::Stamp when the listing was asked for.
+  ListingMerge(State& itsState, ContentStore& itsStore, const Settings& itsSettings,
+               int64_t itsBegun)
+      : state(itsState), store(itsStore), settings(itsSettings), begun(itsBegun) {}
+
+  /// State held. One transaction. Tells what programs can see of it.
+  Notices Apply(Inode folder, const std::vector<RemoteItem>& listed);
+
+ private:
+  void Take(const Item& folder, const RemoteItem& record);
+  void Add(const Item& folder, const RemoteItem& record);
+  bool AdoptMoved(const Item& folder, const RemoteItem& record, const std::vector<Item>& holders);
+  void Refresh(Item item, const RemoteItem& record);
+  void TakeName(Item& item, const RemoteItem& record);
+  void TakeVersion(Item& item, const RemoteItem& record);
+  void RemoveMissing(const Item& folder);
+
+  State& state;
+  ContentStore& store;
+  const Settings& settings;
+  const int64_t begun;
+  std::set<std::string> seen;       // ids in the listing
+  std::set<std::string> attempted;  // names that this host may just be making there
+  bool uncertain = false;           // one of them was listed
+  Notices notices;
+};
+
+/// The item's own columns as a record says: what the service last told.
+void FillRemote(Item& item, const RemoteItem& record, const std::string& parentId);
+
+}  // namespace host::mount

@@ -1,0 +1,179 @@
+#include "host/mount/mount_process.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "host/mount/fuse_mount.h"
+#include "host/mount/mount_service.h"
+
+namespace host::mount {
+namespace {
+
+/// One host at a time on a profile: two would not know of each other's pending changes.
+class ProfileLock {
+ public:
+  explicit ProfileLock(const ProfilePaths& paths) {
+    MakePrivateDirectory(paths.data);
+    const std::filesystem::path file = paths.data / "mount.lock";
+    descriptor = Descriptor(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (descriptor.Get() < 0)
+      throw Failure("cannot open " + file.string() + ": " + std::strerror(errno),
+                    "check who owns it");
+    if (flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0)
+      throw Failure("the profile \"" + paths.name + "\" is mounted already",
+                    "see `vormlane status`, or use another profile");
+  }
+
+ private:
+  Descriptor descriptor;
+};
+
+/// The way in which a process in the background tells the one that the user started.
+class Starter {
+ public:
+  /// In the parent it does not return: that ends with the child's word.
+  explicit Starter(bool foreground) {
+    if (foreground) return;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw Failure("cannot start a process", "try again");
+    const pid_t child = fork();
+    if (child < 0) throw Failure("cannot start a process", "try again");
+    if (child > 0) {
+      close(ends[1]);
+      Await(Descriptor(ends[0]));
+    }
+    close(ends[0]);
+    setsid();
+    report = Descriptor(ends[1]);
+  }
+
+  void Ready() {
+    if (report.Get() < 0) return;
+    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null, stream);
+    close(null);
+    Tell("+");
+  }
+  /// True when somebody was told.
+  bool Failed(const std::string& why) { return report.Get() >= 0 && Tell(why); }
+
+ private:
+  bool Tell(const std::string& text) {
+    const Descriptor end = std::move(report);
+    return write(end.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  }
+
+  [[noreturn]] static void Await(const Descriptor& from) {
+    std::string word;
+    char buffer[512];
+    for (ssize_t count; (count = read(from.Get(), buffer, sizeof buffer)) > 0;)
+      word.append(buffer, static_cast<size_t>(count));
+    if (word == "+") _exit(0);
+    std::fprintf(stderr, "vormlane: %s\n", word.empty() ? "the mount ended" : word.c_str());
+    _exit(1);
+  }
+
+  Descriptor report;
+};
+
+bool HasPushService(const ProfileStore& profile) {
+  for (const char* key : {"user_token", "api_server_url", "drive_id", "device_id"})
+    if (!profile.Value(key)) return false;
+  return true;
+}
+
+/// Connects; without a network that is for later. The id of the top folder, empty when unknown.
+std::string FirstConnect(Session& session, bool& connected) {
+  try {
+    session.Connect();
+    connected = session.HasAccount();
+  } catch (const Failure& failure) {
+    if (failure.Code() == AERROR::FS_NEED_AUTHORIZE) throw;
+    session.Log().Error(failure.what());
+  }
+  return connected ? session.RootId() : "";
+}
+
+bool ConnectLater(Session& session) {
+  try {
+    session.Connect();
+    return session.HasAccount();
+  } catch (const Failure& failure) {
+    session.Log().Error(failure.what());
+    return false;
+  }
+}
+
+void StartPush(Session& session, ChangeRelay& relay) {
+  if (!HasPushService(session.Profile())) return;
+  if (const AERROR code = session.Drive().SetChangesCallback(&relay); code != AERROR::SUCCESS)
+    session.Log().Error(session.Failed("no pushed changes", code).what());
+}
+
+void SayWhatIsLeft(Drive& drive) {
+  std::lock_guard lock(drive.state.mutex);
+  const int64_t left = drive.state.journal.Count();
+  if (left == 0) return;
+  std::fprintf(stderr,
+               "vormlane: %lld changes are not on the service yet; they are safe on this machine "
+               "and are sent after the next mount\n",
+               static_cast<long long>(left));
+}
+
+void Serve(Context& context, const MountOptions& options, Starter& starter) {
+  const ProfilePaths paths = context.Paths();
+  const ProfileLock lock(paths);
+  if (PrepareMountPoint(options.folder))
+    std::fprintf(stderr, "vormlane: a dead mount at %s was taken away\n", options.folder.c_str());
+  ChangeRelay relay;
+  struct CloseFirst {
+    Context& context;
+    ~CloseFirst() { context.Close(); }
+  } const close{context};
+  Session& session = context.Opened();
+  bool connected = false;
+  const std::string rootId = FirstConnect(session, connected);
+  Drive drive(session.Drive(), relay, paths.Database(), paths.data / "contents", rootId,
+              options.settings);
+  FuseMount mounted(drive, options.folder);
+  MountService service(drive, options.folder, [&] { mounted.End(); });
+  const auto handle = [&](const Json::Value& request, const StatusServer::Send& send) {
+    service.Handle(request, send);
+  };
+  const StatusServer server(SocketOf(paths), handle);
+  const auto begin = [&] {
+    if (options.push) StartPush(session, relay);
+    return true;
+  };
+  drive.Start([&, connected]() mutable {
+    if (!connected) connected = ConnectLater(session);
+    return connected && begin();
+  });
+  starter.Ready();
+  mounted.Serve(true);
+  drive.Stop();
+  SayWhatIsLeft(drive);
+}
+
+}  // namespace
+
+std::filesystem::path SocketOf(const ProfilePaths& paths) { return paths.runtime / "mount.sock"; }
+
+void RunMount(Context& context, const MountOptions& options) {
+  Starter starter(options.foreground);
+  try {
+    Serve(context, options, starter);
+  } catch (const std::exception& failure) {
+    if (!starter.Failed(failure.what())) throw;
+    _exit(1);
+  }
+  if (!options.foreground) _exit(0);
+}
+
+}  // namespace host::mount

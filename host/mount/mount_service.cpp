@@ -1,0 +1,137 @@
+#include "host/mount/mount_service.h"
+
+#include <cstring>
+
+#include "host/core/json_text.h"
+#include "host/mount/times.h"
+
+namespace host::mount {
+namespace {
+
+/// How often a waiting client hears how far it is.
+constexpr Milliseconds kProgress{200};
+/// Rows that `status` shows one by one.
+constexpr size_t kShownRows = 100;
+
+Json::Value Done() {
+  Json::Value answer;
+  answer["done"] = true;
+  return answer;
+}
+
+Json::Value Failed(const std::string& why) {
+  Json::Value answer = Done();
+  answer["error"] = why;
+  return answer;
+}
+
+}  // namespace
+
+void MountService::Handle(const Json::Value& request, const StatusServer::Send& send) {
+  const std::string command = TextMember(request, "command");
+  if (command == "status") {
+    Json::Value answer = Status();
+    answer["done"] = true;
+    send(answer);
+  } else if (command == "drain") {
+    if (Drain(send)) send(Done());
+  } else if (command == "unmount") {
+    Unmount(request["now"].asBool(), send);
+  } else if (command == "pin" || command == "unpin") {
+    send(Pin(TextMember(request, "path"), command == "pin"));
+  } else {
+    send(Failed("unknown command"));
+  }
+}
+
+bool MountService::Drain(const StatusServer::Send& send) {
+  while (!drive.queue.Drain(kProgress)) {
+    Json::Value progress;
+    progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
+    progress["transfers"] = Status()["transfers"];
+    if (!send(progress)) return false;
+  }
+  return true;
+}
+
+void MountService::Unmount(bool now, const StatusServer::Send& send) {
+  if (!now && !drive.settings.readOnly && !Drain(send)) return;
+  Json::Value answer = Done();
+  answer["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
+  send(answer);
+  end();
+}
+
+Json::Value MountService::Pin(const std::string& path, bool pinned) {
+  Inode ino = kRootInode;
+  for (const std::filesystem::path& part : std::filesystem::path(path)) {
+    if (part.empty() || part == "." || part == "/") continue;
+    Item item;
+    if (const int error = drive.tree.Lookup(ino, part.string(), item))
+      return Failed(part.string() + ": " + std::strerror(error));
+    ino = item.ino;
+  }
+  const int error = drive.Pin(ino, pinned);
+  return error == 0 ? Done() : Failed(std::strerror(error));
+}
+
+Json::Value MountService::Waiting() {
+  Json::Value rows(Json::arrayValue);
+  std::lock_guard lock(drive.state.mutex);
+  for (const JournalRow& row : drive.state.journal.All()) {
+    if (rows.size() >= kShownRows) break;
+    const std::optional<Item> item = drive.state.items.Find(row.ino);
+    if (!item) continue;
+    Json::Value shown;
+    shown["name"] = item->name;
+    shown["what"] = item->deleted      ? "delete"
+                    : row.editing      ? "being written"
+                    : item->id.empty() ? "create"
+                    : row.content != 0 ? "upload"
+                                       : "rename";
+    shown["since"] = ToRfc3339(row.since * 1'000'000'000);
+    shown["tries"] = static_cast<Json::Int64>(row.tries);
+    if (!row.error.empty()) shown["error"] = row.error;
+    rows.append(shown);
+  }
+  return rows;
+}
+
+Json::Value MountService::Status() {
+  Json::Value status;
+  status["mount"] = folder.string();
+  status["connected"] = drive.Connected();
+  status["readOnly"] = drive.settings.readOnly;
+  status["openFiles"] = drive.files.OpenCount();
+  status["requests"] = static_cast<Json::Int64>(drive.remote.Counted().requests);
+  status["bytesDown"] = static_cast<Json::Int64>(drive.remote.Counted().down);
+  status["bytesUp"] = static_cast<Json::Int64>(drive.remote.Counted().up);
+  status["waiting"] = Waiting();
+  Json::Value transfers(Json::arrayValue);
+  const std::vector<UploadQueue::Transferring> running = drive.queue.Transfers();
+  std::lock_guard lock(drive.state.mutex);
+  for (const UploadQueue::Transferring& transfer : running) {
+    Json::Value shown;
+    const std::optional<Item> item = drive.state.items.Find(transfer.ino);
+    shown["name"] = item ? item->name : "";
+    shown["bytes"] = static_cast<Json::Int64>(transfer.size);
+    shown["done"] = static_cast<Json::Int64>(transfer.done);
+    transfers.append(shown);
+  }
+  status["transfers"] = transfers;
+  status["pending"] = static_cast<Json::Int64>(drive.state.journal.Count());
+  status["items"] = static_cast<Json::Int64>(drive.state.items.Count());
+  status["cache"]["bytes"] = static_cast<Json::Int64>(drive.state.contents.CleanBytes());
+  status["cache"]["pendingBytes"] = static_cast<Json::Int64>(drive.state.contents.DirtyBytes());
+  status["cache"]["limit"] = static_cast<Json::Int64>(drive.store.Limit());
+  status["events"] = Json::Value(Json::arrayValue);
+  for (const State::Event& event : drive.state.Events()) {
+    Json::Value shown;
+    shown["time"] = ToRfc3339(event.at * 1'000'000'000);
+    shown["text"] = event.text;
+    status["events"].append(shown);
+  }
+  return status;
+}
+
+}  // namespace host::mount

@@ -1,0 +1,35 @@
+// What a running mount tells and does for `status`, `drain`, `pin` and `unmount`.
+#pragma once
+
+#include <json/json.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "host/mount/drive.h"
+#include "host/mount/status_socket.h"
+
+namespace host::mount {
+
+class MountService {
+ public:
+  /// `end` unmounts; called from a client's thread.
+  MountService(Drive& itsDrive, std::filesystem::path mountedAt, std::function<void()> unmount)
+      : drive(itsDrive), folder(std::move(mountedAt)), end(std::move(unmount)) {}
+
+  void Handle(const Json::Value& request, const StatusServer::Send& send);
+  /// {"mount", "connected", "pending", "transfers", "cache", "waiting", "events", ...}
+  Json::Value Status();
+
+ private:
+  bool Drain(const StatusServer::Send& send);
+  void Unmount(bool now, const StatusServer::Send& send);
+  Json::Value Pin(const std::string& path, bool pinned);
+  Json::Value Waiting();
+
+  Drive& drive;
+  const std::filesystem::path folder;
+  const std::function<void()> end;
+};
+
+}  // namespace host::mount

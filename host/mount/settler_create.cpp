@@ -1,0 +1,130 @@
+#include <algorithm>
+
+#include "host/core/failure.h"
+#include "host/mount/forget.h"
+#include "host/mount/name_map.h"
+#include "host/mount/settler.h"
+
+namespace host::mount {
+
+Verdict Settler::Create(const Work& work, Sending& sending) {
+  if (work.row.attempted) return LookForLostCreate(work);
+  if (work.item.IsFolder()) return CreateFolder(work);
+  if (work.row.content == 0) return {.kind = Verdict::kWaiting};
+  return CreateFile(work, sending);
+}
+
+/// False when a program has made the item another one since the step began.
+bool Settler::MarkAttempt(const Work& work, const std::string& parentId, const std::string& hash,
+                          int64_t size) {
+  {
+    std::lock_guard lock(state.mutex);
+    std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+    const std::optional<Item> item = state.items.Find(work.item.ino);
+    if (!row || !item || item->deleted || item->id != work.item.id) return false;
+    row->attempted = true;
+    row->attemptParent = parentId;
+    row->attemptName = parentId.empty() ? "" : Trimmed(NameToSend(work.item));
+    row->attemptHash = hash;
+    row->attemptSize = size;
+    row->attemptGeneration = work.row.generation;
+    state.journal.Put(*row);
+  }
+  return state.Sync();
+}
+
+Verdict Settler::CreateFolder(const Work& work) {
+  if (!MarkAttempt(work, work.parent.id, "", -1)) return {.kind = Verdict::kProgress};
+  RemoteItem record;
+  record.name = NameToSend(work.item);
+  const AERROR code = remote.MakeFolder(work.parent.id, record);
+  if (code != AERROR::SUCCESS || record.id.empty())
+    return Lost(work, "the folder was not made: " + Meaning(code));
+  Adopt(work, record, work.parent.id, work.row.generation);
+  return {.kind = Verdict::kProgress};
+}
+
+Verdict Settler::CreateFile(const Work& work, Sending& sending) {
+  const ContentPtr content = OpenContent(work.row.content);
+  if (!content) return {.kind = Verdict::kFailed, .error = "its bytes are missing"};
+  const uint64_t writes = content->Writes();
+  std::string hash;
+  if (!Hash(content, writes, hash))
+    return {.kind = Verdict::kPause, .pause = settings.heldOpenDelay};
+  if (!MarkAttempt(work, work.parent.id, hash, content->Size()))
+    return {.kind = Verdict::kProgress};
+  RemoteItem record;
+  record.name = NameToSend(work.item);
+  const int64_t size = record.size = content->Size();
+  const AERROR code = Upload(work, content, writes, work.parent.id, sending, record);
+  if (code != AERROR::SUCCESS || !Remote::Confirmed(record))
+    return Lost(work, "not uploaded: " + Meaning(code));
+  Adopt(work, record, work.parent.id, record.size == size ? work.row.generation : -1);
+  return {.kind = Verdict::kProgress};
+}
+
+Verdict Settler::Lost(const Work& work, const std::string& error) {
+  {
+    std::lock_guard lock(state.mutex);
+    std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+    // From now on, not from the beginning of a long upload, the service may still be busy with it.
+    if (row) row->since = NowSeconds();
+    if (row) state.journal.Put(*row);
+  }
+  return {.kind = Verdict::kFailed, .error = error};
+}
+
+/// The service may still be applying what it was sent last.
+std::optional<Verdict> Settler::AwaitLostAnswer(const JournalRow& row) {
+  const int64_t since = std::max(row.since * 1'000'000'000, started);
+  const int64_t left = since / 1'000'000 + settings.settle.count() - NowNanoseconds() / 1'000'000;
+  if (left <= 0) return std::nullopt;
+  return Verdict{.kind = Verdict::kPause, .pause = Milliseconds(left + 1)};
+}
+
+/// Looks for what an attempt without an answer may have made: an item of that name, and of those
+/// bytes, that nobody here knows.
+Verdict Settler::LookForLostCreate(const Work& work) {
+  if (std::optional<Verdict> wait = AwaitLostAnswer(work.row)) return *wait;
+  std::vector<RemoteItem> listed;
+  const AERROR code = remote.List(work.row.attemptParent, listed);
+  if (code != AERROR::SUCCESS)
+    return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
+  for (const RemoteItem& record : listed) {
+    if (record.name != work.row.attemptName ||
+        ((record.attributes & kFsFolder) != 0) != work.item.IsFolder())
+      continue;
+    {
+      std::lock_guard lock(state.mutex);
+      if (!state.items.WithId(record.id).empty()) continue;
+    }
+    if (!work.item.IsFolder() && !HoldsAttempt(work.row, record)) continue;
+    Adopt(work, record, work.row.attemptParent, work.row.attemptGeneration);
+    return {.kind = Verdict::kProgress};
+  }
+  std::lock_guard lock(state.mutex);
+  std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+  if (row) row->attempted = false;
+  if (row) state.journal.Put(*row);
+  return {.kind = Verdict::kProgress};
+}
+
+/// The item exists at the service now. `generationSent` is the commit whose bytes it has, -1 when
+/// it has others.
+void Settler::Adopt(const Work& work, const RemoteItem& record, const std::string& parentId,
+                    int64_t generationSent) {
+  std::lock_guard lock(state.mutex);
+  state.Change([&] {
+    std::optional<Item> item = state.items.Find(work.item.ino);
+    if (!item) return;
+    // A listing that took it for somebody else's must give way.
+    for (const Item& twin : state.items.WithId(record.id))
+      if (twin.ino != item->ino && twin.parent == item->parent) Forget(state, store, twin);
+    item->id = record.id;
+    item->remoteParent = parentId;
+    state.items.Update(*item);
+    NoteSentLocked(item->ino, item->id, record, generationSent);
+  });
+}
+
+}  // namespace host::mount

@@ -1,0 +1,147 @@
+#include "host/mount/state.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "host/mount/name_map.h"
+
+namespace host::mount {
+
+int64_t NowNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+int64_t NowSeconds() { return NowNanoseconds() / 1'000'000'000; }
+
+const std::vector<std::string>& MountSchema() {
+  static const std::vector<std::string> steps = {R"(
+    CREATE TABLE mount_items(
+      ino INTEGER PRIMARY KEY AUTOINCREMENT, parent INTEGER NOT NULL, name TEXT NOT NULL,
+      driveName TEXT NOT NULL, attributes INTEGER NOT NULL, deleted INTEGER NOT NULL,
+      size INTEGER NOT NULL, mtime INTEGER NOT NULL, content INTEGER NOT NULL,
+      inlineContent TEXT NOT NULL, id TEXT NOT NULL, remoteName TEXT NOT NULL,
+      remoteParent TEXT NOT NULL, remoteTime TEXT NOT NULL, remoteSize INTEGER NOT NULL,
+      otherParents TEXT NOT NULL, stamp INTEGER NOT NULL, listedAt INTEGER NOT NULL,
+      stale INTEGER NOT NULL);
+    CREATE UNIQUE INDEX mount_items_name ON mount_items(parent, name) WHERE deleted = 0;
+    CREATE INDEX mount_items_parent ON mount_items(parent);
+    CREATE INDEX mount_items_id ON mount_items(id) WHERE id <> '';
+    CREATE INDEX mount_items_held ON mount_items(remoteParent) WHERE remoteParent <> '';
+    CREATE INDEX mount_items_deleted ON mount_items(ino) WHERE deleted = 1;
+    CREATE TABLE mount_journal(
+      ino INTEGER PRIMARY KEY, content INTEGER NOT NULL, generation INTEGER NOT NULL,
+      editing INTEGER NOT NULL, times INTEGER NOT NULL, hasBase INTEGER NOT NULL,
+      baseTime TEXT NOT NULL, baseSize INTEGER NOT NULL, after INTEGER NOT NULL,
+      attempted INTEGER NOT NULL, attemptParent TEXT NOT NULL, attemptName TEXT NOT NULL,
+      attemptHash BLOB NOT NULL, attemptSize INTEGER NOT NULL, attemptGeneration INTEGER NOT NULL,
+      since INTEGER NOT NULL, tries INTEGER NOT NULL, error TEXT NOT NULL);
+    CREATE TABLE mount_contents(
+      content INTEGER PRIMARY KEY AUTOINCREMENT, ino INTEGER NOT NULL, id TEXT NOT NULL,
+      time TEXT NOT NULL, size INTEGER NOT NULL, dirty INTEGER NOT NULL, present BLOB NOT NULL,
+      bytes INTEGER NOT NULL, used INTEGER NOT NULL);
+    CREATE TABLE mount_pins(ino INTEGER PRIMARY KEY);
+    CREATE TABLE mount_values(key TEXT PRIMARY KEY, value TEXT NOT NULL);
+    CREATE TABLE mount_events(
+      number INTEGER PRIMARY KEY AUTOINCREMENT, at INTEGER NOT NULL, text TEXT NOT NULL);
+  )"};
+  return steps;
+}
+
+State::MakeTables::MakeTables(Database& database) {
+  database.Migrate("mount", MountSchema());
+  // Commits do not wait for the disk; Sync does, outside of the mutex and once for many.
+  database.Run("PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384");
+}
+
+State::State(const std::filesystem::path& file)
+    : database(file),
+      makeTables(database),
+      items(database),
+      journal(database),
+      contents(database),
+      value(database.Prepare("SELECT value FROM mount_values WHERE key = ?1")),
+      setValue(database.Prepare("INSERT OR REPLACE INTO mount_values VALUES (?1, ?2)")),
+      addEvent(database.Prepare("INSERT INTO mount_events (at, text) VALUES (?1, ?2)")),
+      trimEvents(database.Prepare("DELETE FROM mount_events WHERE number <= "
+                                  "(SELECT max(number) FROM mount_events) - 100")),
+      events(database.Prepare("SELECT at, text FROM mount_events ORDER BY number")),
+      pin(database.Prepare("INSERT OR IGNORE INTO mount_pins VALUES (?1)")),
+      unpin(database.Prepare("DELETE FROM mount_pins WHERE ino = ?1")),
+      isPinned(database.Prepare("SELECT 1 FROM mount_pins WHERE ino = ?1")),
+      pins(database.Prepare("SELECT ino FROM mount_pins")) {
+  // The log exists once something was written through this connection.
+  Change([&] { SetValue("opened", std::to_string(NowSeconds())); });
+  const std::string logFile = file.string() + "-wal";
+  log = open(logFile.c_str(), O_RDONLY | O_CLOEXEC);
+  if (log < 0)
+    throw Failure("cannot open " + logFile + ": " + std::strerror(errno),
+                  "check the disk that holds it");
+}
+
+State::~State() { close(log); }
+
+bool State::Sync() { return fdatasync(log) == 0; }
+
+JournalRow State::RowFor(const Item& item) {
+  if (std::optional<JournalRow> row = journal.Find(item.ino)) return *row;
+  return {.ino = item.ino,
+          .hasBase = !item.id.empty(),
+          .baseTime = item.remoteTime,
+          .baseSize = item.remoteSize,
+          .since = NowSeconds()};
+}
+
+std::string State::FreeName(Inode folder, const Item& item) {
+  return ShownName(item.driveName, item.id, [&](const std::string& name) {
+    const std::optional<Item> holder = items.FindChild(folder, name);
+    return holder && holder->ino != item.ino;
+  });
+}
+
+std::string State::Value(const std::string& key) {
+  std::string text;
+  if (value.Bind(1, key).Step()) text = value.Text(0);
+  value.Reset();
+  return text;
+}
+
+void State::SetValue(const std::string& key, const std::string& text) {
+  setValue.Bind(1, key).Bind(2, text).Run();
+}
+
+void State::AddEvent(const std::string& text) {
+  addEvent.Bind(1, NowSeconds()).Bind(2, text).Run();
+  trimEvents.Run();
+}
+
+std::vector<State::Event> State::Events() {
+  std::vector<Event> found;
+  while (events.Step()) found.push_back({events.Integer(0), events.Text(1)});
+  events.Reset();
+  return found;
+}
+
+void State::Pin(Inode ino, bool pinned) {
+  (pinned ? pin : unpin).Bind(1, static_cast<int64_t>(ino)).Run();
+}
+
+bool State::IsPinned(Inode ino) {
+  const bool found = isPinned.Bind(1, static_cast<int64_t>(ino)).Step();
+  isPinned.Reset();
+  return found;
+}
+
+std::vector<Inode> State::Pins() {
+  std::vector<Inode> found;
+  while (pins.Step()) found.push_back(static_cast<Inode>(pins.Integer(0)));
+  pins.Reset();
+  return found;
+}
+
+}  // namespace host::mount

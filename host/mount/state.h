@@ -1,0 +1,107 @@
+// Everything that must survive a restart: the mount's tables in the profile's database, and the
+// mutex that guards them.
+//
+// A change of what programs see and the journal row that stands for it are one transaction. A
+// committed transaction survives a killed process at once; Sync makes all committed ones survive
+// a power cut.
+//
+// Members other than Sync are used with the mutex held. The mutex is never held over a request to
+// the service nor over a wait for the disk.
+#pragma once
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "host/core/database.h"
+#include "host/mount/content_table.h"
+#include "host/mount/item_table.h"
+#include "host/mount/journal_table.h"
+
+namespace host::mount {
+
+int64_t NowSeconds();
+int64_t NowNanoseconds();
+
+class State {
+ public:
+  explicit State(const std::filesystem::path& file);
+  ~State();
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  std::mutex mutex;
+  Database database;
+
+ private:
+  struct MakeTables {
+    explicit MakeTables(Database& database);
+  } makeTables;  // before the tables, whose statements need them
+
+ public:
+  ItemTable items;
+  JournalTable journal;
+  ContentTable contents;
+
+  /// Commits when it leaves the scope unless an exception does; nests by doing nothing inside.
+  template <typename Function>
+  void Change(Function&& function) {
+    if (changing) return function();
+    Transaction transaction(database);
+    changing = true;
+    try {
+      function();
+    } catch (...) {
+      changing = false;
+      throw;
+    }
+    changing = false;
+    transaction.Commit();
+  }
+
+  /// Numbers what this host did at the service. A listing remembers the stamp at its beginning:
+  /// what it says about items stamped later is out of date.
+  int64_t Stamp() const { return stamp; }
+  int64_t NextStamp() { return ++stamp; }
+
+  /// Items that programs have open; a deleted one is forgotten only after its last close.
+  std::unordered_map<Inode, int> opened;
+  /// Drive ids this host has deleted, with the stamp of it: a listing that began earlier still
+  /// shows them.
+  std::unordered_map<std::string, int64_t> buried;
+
+  /// The journal row of an item, or a new one that begins from what the service has.
+  JournalRow RowFor(const Item& item);
+
+  /// A name under which `item` can be shown in `folder` beside what is there.
+  std::string FreeName(Inode folder, const Item& item);
+
+  std::string Value(const std::string& key);
+  void SetValue(const std::string& key, const std::string& value);
+
+  /// Notes something the user should know (a conflict, a failed upload); the latest 100 are kept.
+  void AddEvent(const std::string& text);
+  struct Event {
+    int64_t at = 0;  ///< seconds since 1970
+    std::string text;
+  };
+  std::vector<Event> Events();
+
+  void Pin(Inode ino, bool pinned);
+  bool IsPinned(Inode ino);
+  std::vector<Inode> Pins();
+
+  /// Waits until every transaction committed so far is on the disk. Without the mutex. False when
+  /// the disk refuses.
+  bool Sync();
+
+ private:
+  int64_t stamp = NowNanoseconds();  // larger than any of an earlier run
+  bool changing = false;
+  int log = -1;  // descriptor of the write-ahead log, open as long as the connection
+  Statement value, setValue, addEvent, trimEvents, events, pin, unpin, isPinned, pins;
+};
+
+}  // namespace host::mount

@@ -1,0 +1,16 @@
+// RFC 3339 texts of the service and nanoseconds of the file system. Pure functions.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace host::mount {
+
+/// Nanoseconds since 1970; 0 when the text is not such a time.
+int64_t FromRfc3339(const std::string& text);
+/// UTC with milliseconds, the resolution of the service: "2026-01-31T08:15:00.250Z".
+std::string ToRfc3339(int64_t nanoseconds);
+/// Local time for people and for file names: "2026-01-31 081500".
+std::string LocalStamp(int64_t nanoseconds);
+
+}  // namespace host::mount
