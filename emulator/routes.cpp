@@ -102,7 +102,8 @@ bool IsMethodName(std::string_view name) {
 
 const Route* FindRoute(const std::vector<Route>& routes, const httplib::Request& request,
                        std::vector<std::string>& captures) {
-  const std::string_view method = request.method == "HEAD" ? "GET" : request.method;
+  const std::string_view method =
+      request.method == "HEAD" ? std::string_view("GET") : request.method;
   for (const Route& route : routes) {
     if (method == route.httpMethod && MatchPath(route.pattern, request.path, captures) &&
         MatchParameter(route.parameter, request)) {
