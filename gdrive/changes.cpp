@@ -5,6 +5,8 @@
 
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
+#include "gdrive/push_connection.h"
+#include "gdrive/thread_mark.h"
 
 namespace {
 
@@ -73,8 +75,9 @@ std::string GoogleDrive::GetChangeList(int) {
 }
 
 AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
+  std::string cursor;
   const auto build = [&](std::shared_ptr<GoogleCURL> request) {
-    const std::string cursor = Cursor();
+    cursor = Cursor();
     if (cursor.empty()) {
       request->SetURL(Api("/drive/v3/changes/startPageToken").c_str());
     } else {
@@ -86,12 +89,13 @@ AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
     return request->PerformGet(nullptr, nullptr);
   };
   const auto read = [&](_CURLRTN& result) {
-    return Guarded([&] { return ReadChangePage(result, visit); });
+    return Guarded([&] { return ReadChangePage(result, cursor, visit); });
   };
   return Query<GoogleDriveExponentialBackoff>("GetChangeList", build, {{200, {read, ""}}}, {}, {});
 }
 
-AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const ChangeVisitor& visit) {
+AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const std::string& asked,
+                                   const ChangeVisitor& visit) {
   const JsonObject body(result.body.get(), result.bodyLength);
   for (const char* name : {"/newStartPageToken", "/startPageToken"}) {
     if (body.HasObject(name)) MoveCursor(body.GetObject(name));
@@ -103,7 +107,8 @@ AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const ChangeVisitor& visit)
   }
   if (!body.HasObject("/nextPageToken")) return AERROR::SUCCESS;
   MoveCursor(body.GetObject("/nextPageToken"));
-  return AERROR::RETRY;
+  // A page that names itself as the next one would be fetched for ever.
+  return Cursor() == asked ? AERROR::SUCCESS : AERROR::RETRY;
 }
 
 AERROR GoogleDrive::GetChanges(IFileChanges* sink, char**) {
@@ -111,20 +116,29 @@ AERROR GoogleDrive::GetChanges(IFileChanges* sink, char**) {
   // A sink may ask for a poll of its own; what it would find is on its way already.
   if (pollingThread == std::this_thread::get_id()) return AERROR::SUCCESS;
   if (!Auth()) return AERROR::FAILED;
-  bool released = false;
-  (void)Guarded([&] {
+  {
     const std::lock_guard guard(changeLock);
-    pollingThread = std::this_thread::get_id();
+    if (releaseRequested) return AERROR::SUCCESS;  // in the poll that this one waited for
+    const ThreadMark mark(pollingThread);
     (void)Guarded([&] {
       CollectChanges(sink);
       return AERROR::SUCCESS;
     });
-    pollingThread = std::thread::id();
-    released = releaseRequested;
-    return AERROR::SUCCESS;
-  });
-  if (released) delete this;
+    if (!releaseRequested) return AERROR::SUCCESS;
+  }
+  EndAfterPoll();
   return AERROR::SUCCESS;
+}
+
+/// Ends the object after a poll whose sink released it.
+void GoogleDrive::EndAfterPoll() {
+  std::shared_ptr<PushConnection> closing;
+  {
+    const std::lock_guard guard(pushLock);
+    closing = push;
+  }
+  if (closing) closing->Close();
+  delete this;
 }
 
 void GoogleDrive::CollectChanges(IFileChanges* sink) {

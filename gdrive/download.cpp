@@ -1,6 +1,7 @@
 // Ranged download.
 // https://developers.google.com/drive/api/guides/manage-downloads
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 
 #include "gdrive/google_drive.h"
@@ -50,8 +51,8 @@ AERROR GoogleDrive::Read(const char* id, long long offset, long long length,
     // A range of no bytes cannot be written down; the service would send the whole file.
     if (length == 0) return AERROR::SUCCESS;
     const std::string url = Api("/drive/v3/files/") + id;
-    const std::string range =
-        "bytes=" + std::to_string(offset) + "-" + std::to_string(offset + length - 1);
+    const long long last = offset + std::min(length - 1, LLONG_MAX - offset);
+    const std::string range = "bytes=" + std::to_string(offset) + "-" + std::to_string(last);
     DownloadContext download = NewDownload(handle, callback);
     const auto build = [&](std::shared_ptr<GoogleCURL> request) {
       request->AddQuery("alt", "media");

@@ -134,8 +134,9 @@ class GoogleDrive : public IProtocol_V2 {
                   std::string* pageToken) const;
   void FillWebLocation(const JsonObject& file, const std::string& typeName, _FS_FILE_V2* out) const;
 
+  void EndAfterPoll();
   AERROR FetchChanges(const ChangeVisitor& visit);
-  AERROR ReadChangePage(_CURLRTN& result, const ChangeVisitor& visit);
+  AERROR ReadChangePage(_CURLRTN& result, const std::string& asked, const ChangeVisitor& visit);
   void CollectChanges(IFileChanges* sink);
   std::string Cursor() const;
   void MoveCursor(const std::string& token);
@@ -148,6 +149,8 @@ class GoogleDrive : public IProtocol_V2 {
     std::string webhookUrl;
     std::string channel;
   };
+  /// With pushLock held.
+  AERROR OpenPush(IFileChanges* sink);
   AERROR Subscribe(PushSubscription* subscription);
   void TakeCursorForPush();
   AERROR WatchChanges(const std::string& address);
@@ -198,7 +201,8 @@ class GoogleDrive : public IProtocol_V2 {
   /// Release was called from inside a poll's sink: the object ends when that poll does.
   std::atomic<bool> releaseRequested{false};
 
-  std::mutex pushLock;  ///< guards the next two; held while push is set up
+  std::mutex pushLock;  ///< guards the next three; held while push is set up
+  bool released = false;
   std::shared_ptr<PushConnection> push;
   std::string webhookUrl;  ///< where the push service takes notices for this drive
 };

@@ -10,27 +10,35 @@ AERROR GoogleDrive::SetChangesCallback(IFileChanges* sink) {
   if (sink == nullptr) return AERROR::INVALID_PARAMETER;
   return Guarded([&] {
     if (!Auth() || manager == nullptr) return AERROR::FAILED;
-    const std::lock_guard guard(pushLock);
-    if (push) {
-      push->SetSink(sink);
-    } else {
-      PushSubscription subscription;
-      const AERROR code = Subscribe(&subscription);
-      if (code != AERROR::SUCCESS) return AERROR::FAILED;
-      std::string base;
-      {
-        const std::lock_guard stateGuard(lock);
-        base = pushUrl;
-      }
-      const auto connection =
-          std::make_shared<PushConnection>(this, sink, base + subscription.channel);
-      connection->Open();
-      push = connection;
-      webhookUrl = subscription.webhookUrl;
+    std::shared_ptr<PushConnection> connection;
+    std::string address;
+    {
+      const std::lock_guard guard(pushLock);
+      if (released) return AERROR::FAILED;
+      if (!push && OpenPush(sink) != AERROR::SUCCESS) return AERROR::FAILED;
+      connection = push;
+      address = webhookUrl;
     }
+    connection->SetSink(sink);
     TakeCursorForPush();
-    return WatchChanges(webhookUrl);
+    return WatchChanges(address);
   });
+}
+
+AERROR GoogleDrive::OpenPush(IFileChanges* sink) {
+  PushSubscription subscription;
+  const AERROR code = Subscribe(&subscription);
+  if (code != AERROR::SUCCESS) return code;
+  std::string base;
+  {
+    const std::lock_guard guard(lock);
+    base = pushUrl;
+  }
+  const auto connection = std::make_shared<PushConnection>(this, sink, base + subscription.channel);
+  connection->Open();
+  push = connection;
+  webhookUrl = subscription.webhookUrl;
+  return AERROR::SUCCESS;
 }
 
 AERROR GoogleDrive::Subscribe(PushSubscription* subscription) {

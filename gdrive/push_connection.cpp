@@ -7,6 +7,7 @@
 
 #include <algorithm>
 
+#include "gdrive/guarded.h"
 #include "net/certificates.h"
 #include "net/logging.h"
 #include "util/platform.h"
@@ -58,16 +59,24 @@ void PushConnection::Open() {
 }
 
 void PushConnection::SetSink(IFileChanges* changes) {
-  const std::lock_guard guard(mutex);
+  const auto self = std::this_thread::get_id();
+  std::unique_lock guard(mutex);
+  if (sink == changes) return;
   sink = changes;
+  done.wait(guard, [&] { return reportingThread == std::thread::id() || reportingThread == self; });
+}
+
+void PushConnection::RequestClose() {
+  const std::lock_guard guard(mutex);
+  closing = true;
+  if (async != nullptr) async->send();
 }
 
 void PushConnection::Close() {
-  std::unique_lock guard(mutex);
-  closing = true;
-  if (async != nullptr) async->send();
+  RequestClose();
   const auto self = std::this_thread::get_id();
-  pollDone.wait(guard, [&] { return pollingThread == std::thread::id() || pollingThread == self; });
+  std::unique_lock guard(mutex);
+  done.wait(guard, [&] { return pollingThread == std::thread::id() || pollingThread == self; });
   session = nullptr;
   sink = nullptr;
 }
@@ -145,19 +154,14 @@ void PushConnection::Disconnected() {
 
 void PushConnection::Poll() {
   IProtocol_V2* drive = nullptr;
-  IFileChanges* changes = nullptr;
   {
     const std::lock_guard guard(mutex);
     if (closing) return;
     drive = session;
-    changes = sink;
     pollingThread = std::this_thread::get_id();
   }
-  try {
-    (void)drive->GetChanges(changes, nullptr);
-  } catch (...) {
-    // The host's sink is not ours to fail by.
-  }
+  Relay relay(this);
+  (void)drive->GetChanges(&relay, nullptr);
   // The poll's requests share this thread's OpenSSL error queue with the connection, which would
   // take what they left there for its own.
   ERR_clear_error();
@@ -165,7 +169,26 @@ void PushConnection::Poll() {
     const std::lock_guard guard(mutex);
     pollingThread = std::thread::id();
   }
-  pollDone.notify_all();
+  done.notify_all();
+}
+
+void PushConnection::Report(const char* folderId) {
+  IFileChanges* changes = nullptr;
+  {
+    const std::lock_guard guard(mutex);
+    if (closing) return;
+    changes = sink;
+    reportingThread = std::this_thread::get_id();
+  }
+  (void)Guarded([&] {
+    changes->Changed(folderId);
+    return AERROR::SUCCESS;
+  });
+  {
+    const std::lock_guard guard(mutex);
+    reportingThread = std::thread::id();
+  }
+  done.notify_all();
 }
 
 std::chrono::milliseconds PushConnection::NextWait() {

@@ -28,13 +28,28 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   /// Starts the thread. Throws std::system_error when there can be none. Once.
   void Open();
 
+  /// Waits for a call of the sink that it replaces, unless made from inside that call.
   void SetSink(IFileChanges* sink);
 
-  /// Asks the thread to close the connection, waits for a poll that it is running (unless called
-  /// from inside that poll), and forgets session and sink. Any thread.
+  /// From here on the thread starts no poll and calls no sink. Waits for nothing. Any thread.
+  void RequestClose();
+  /// The same, then waits for a poll that the thread is running (unless called from inside that
+  /// poll) and forgets session and sink.
   void Close();
 
  private:
+  /// What polls report to: the sink that is the right one at that moment.
+  class Relay final : public IFileChanges {
+   public:
+    explicit Relay(PushConnection* relaying) : owner(relaying) {}
+    void Reserved0() override {}
+    void Reserved1() override {}
+    void Reserved2() override {}
+    void Changed(const char* folderId) override { owner->Report(folderId); }
+
+   private:
+    PushConnection* owner;
+  };
   struct TimerClose {
     void operator()(uS::Timer* timer) const {
       timer->stop();
@@ -49,6 +64,7 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   void Connected();
   void Disconnected();
   void Poll();
+  void Report(const char* folderId);
   void ReconnectLater();
   void CloseOnLoop();
   std::chrono::milliseconds NextWait();
@@ -64,11 +80,12 @@ class PushConnection : public std::enable_shared_from_this<PushConnection> {
   bool mayHaveMissed = false;  ///< notices may have come while there was no connection
   std::chrono::steady_clock::time_point connectedAt;
 
-  std::mutex mutex;  ///< guards what follows
-  std::condition_variable pollDone;
+  std::mutex mutex;              ///< guards what follows
+  std::condition_variable done;  ///< of a poll or of a call of the sink
   IProtocol_V2* session;
   IFileChanges* sink;
   uS::Async* async = nullptr;  ///< owned by the loop; null once it is being closed
   bool closing = false;
-  std::thread::id pollingThread;  ///< the push thread while it polls
+  std::thread::id pollingThread;    ///< the push thread while it polls
+  std::thread::id reportingThread;  ///< the push thread while it calls the sink
 };

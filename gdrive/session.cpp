@@ -6,6 +6,7 @@
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
 #include "gdrive/push_connection.h"
+#include "gdrive/thread_mark.h"
 #include "util/time_convert.h"
 
 namespace {
@@ -24,20 +25,6 @@ std::string ReadProfileId(IProtocolManager* manager) {
   buffer[sizeof(buffer) - 1] = '\0';
   return buffer;
 }
-
-/// Marks the calling thread in `owner` for a scope.
-class ThreadMark {
- public:
-  explicit ThreadMark(std::atomic<std::thread::id>& mark) : owner(mark) {
-    owner = std::this_thread::get_id();
-  }
-  ~ThreadMark() { owner = std::thread::id(); }
-  ThreadMark(const ThreadMark&) = delete;
-  ThreadMark& operator=(const ThreadMark&) = delete;
-
- private:
-  std::atomic<std::thread::id>& owner;
-};
 
 }  // namespace
 
@@ -215,22 +202,24 @@ AERROR GoogleDrive::RenewCredential() {
 }
 
 void GoogleDrive::Release() {
-  (void)Guarded([this] {
+  const bool insidePoll = pollingThread == std::this_thread::get_id();
+  if (insidePoll) releaseRequested = true;
+  (void)Guarded([&] {
     std::shared_ptr<PushConnection> closing;
     {
       const std::lock_guard guard(pushLock);
-      closing.swap(push);
+      released = true;
+      closing = push;
     }
-    // Outside the lock: it waits for a running poll, whose sink may want the lock.
-    if (closing) closing->Close();
+    if (closing && insidePoll) {
+      closing->RequestClose();  // its own poll may be waiting for this thread's to end
+    } else if (closing) {
+      closing->Close();  // outside the lock, which the sink of the poll it waits for may want
+    }
     ReplaceChannel({});
     return AERROR::SUCCESS;
   });
-  if (pollingThread == std::this_thread::get_id()) {
-    releaseRequested = true;
-  } else {
-    delete this;
-  }
+  if (!insidePoll) delete this;
 }
 
 AERROR GoogleDrive::GetUserInfo(char* buffer, int* length) {

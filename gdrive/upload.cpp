@@ -21,7 +21,9 @@ std::string FindLocation(const _CURLRTN& result) {
 
 AERROR GoogleDrive::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
                            _FS_FILE_V2* file, UPLOAD_FLAG, char** message) {
-  if (parent == nullptr || cache == nullptr || file == nullptr) return AERROR::INVALID_PARAMETER;
+  if (parent == nullptr || cache == nullptr || file == nullptr || file->size < 0) {
+    return AERROR::INVALID_PARAMETER;
+  }
   return Guarded([&] {
     std::string folder = parent;
     if (IsVirtualId(folder)) return AERROR::ACCESS_DENIED;
@@ -93,6 +95,8 @@ AERROR GoogleDrive::SendContent(const std::string& url, const std::shared_ptr<_F
     try {
       const JsonObject body(result.body.get(), result.bodyLength);
       const std::string id = body.GetObject("id");
+      // Also when it cannot be read back: a new file without its id would be uploaded twice.
+      file->id = id;
       (void)GetFileInfo(id.c_str(), file, message);
       return AERROR::SUCCESS;
     } catch (...) {
