@@ -145,6 +145,9 @@ void Seed(Store& store, const std::string& seed) {
   } else if (seed != "empty") {
     throw std::invalid_argument("the seed \"" + seed + "\" is neither demo, empty nor a number");
   }
+  // Root folders are made by the store, which knows only the present.
+  store.Sql().Run("UPDATE items SET created = ?, modified = ? WHERE root = 1", kSeedTime,
+                  kSeedTime);
 }
 
 }  // namespace emulator
