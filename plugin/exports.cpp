@@ -17,6 +17,7 @@ SteadyTime _curlbegin = SteadyNow();
 int GetSupports() { return 3; }
 
 bool GetProtocol(const char* name, IProtocolManager* manager, void** out) {
+  if (out == nullptr) return false;
   try {
     IProtocol_V2* drive = new GoogleDrive(name, manager);
     *out = drive;

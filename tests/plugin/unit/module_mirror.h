@@ -1,0 +1,122 @@
+// The binary boundary as a host that was built elsewhere declares it: nothing of the plug-in's own
+// headers is included, so that a moved slot or member shows.
+#pragma once
+
+#include <atomic>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+
+// The boundary counts slots: no destructor may stand among them.
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+namespace mirror {
+
+using Code = int32_t;
+
+struct Handle {
+  int32_t reserved = 0;
+  std::atomic<int32_t> status{0};
+  int64_t transferred = 0;
+  void (*progress)(long long, long long, void*, double) = nullptr;
+  void* progressUser = nullptr;
+  std::string content;
+};
+static_assert(offsetof(Handle, status) == 4 && offsetof(Handle, transferred) == 8);
+static_assert(offsetof(Handle, progress) == 16 && offsetof(Handle, content) == 32);
+using HandlePtr = std::shared_ptr<Handle>;
+
+struct OldRecord {
+  std::string id;
+  uint32_t attributes = 0;
+  int64_t size = 0;
+  std::string time1, time2, time3, name, content;
+};
+struct Record : OldRecord {
+  std::deque<std::string> parents;
+  std::string parentId;
+};
+
+struct CacheRequest {
+  void* buffer;
+  int64_t offset;
+  uint64_t wanted;
+  uint64_t read;
+  HandlePtr handle;
+  int64_t fileSize;
+  int64_t zero;
+};
+
+struct Log {
+  virtual void Slot0() {}
+  virtual bool IsVerbose() = 0;
+  virtual void Write(int32_t level, const char* format, va_list arguments) = 0;
+};
+struct Job {
+  virtual Code Process(void* context) = 0;
+  virtual void Canceled(void* context) = 0;
+  virtual ~Job() = default;
+};
+struct Queue {
+  virtual void Slot0() {}
+  virtual Code Enqueue(Job* job, void* context) = 0;
+};
+struct Manager {
+  virtual int GetProfileID(const char* module, char* buffer, int* length) = 0;
+  virtual int SetValue(const char* profile, const char* key, const char* value, int flag) = 0;
+  virtual int GetValue(const char* profile, const char* key, char* buffer, int* length) = 0;
+};
+struct Auth {
+  virtual const char* Renew(void* protocol, const char* credential) = 0;
+  virtual void Free(const char* credential) = 0;
+};
+struct List {
+  virtual void Add(Record* file) = 0;
+};
+struct Changes {
+  virtual void Slot0() {}
+  virtual void Slot1() {}
+  virtual void Slot2() {}
+  virtual void Changed(const char* folder) = 0;
+};
+struct Fetch {
+  virtual void OnData(long long offset, const char* data, unsigned long long length,
+                      long long* extra) = 0;
+};
+struct Cache {
+  virtual int32_t Read(CacheRequest* request) = 0;
+};
+
+struct Drive {
+  virtual void Release() = 0;
+  virtual Code GetUserInfo(char*, int*) = 0;
+  virtual Code GetQuota(unsigned long long*, unsigned long long*) = 0;
+  virtual Code SetQuota(unsigned long long, unsigned long long) = 0;
+  virtual Code GetType(char**) = 0;
+  virtual Code GetFileList(const char*, List*, char**) = 0;
+  virtual Code GetChanges(Changes*, char**) = 0;
+  virtual Code GetFileInfo(const char*, Record*, char**) = 0;
+  virtual Code Rename(const char*, const char*, Record*, char**) = 0;
+  virtual Code Move(const char*, const char*, Record*, char**) = 0;
+  virtual Code MoveDir(const char*, const char*, Record*, char**) = 0;
+  virtual Code CreateDirectory(const char*, Record*, char**) = 0;
+  virtual Code Delete(Record*, char**) = 0;
+  virtual Code DeleteDirectory(Record*, char**) = 0;
+  virtual Code Read(const char*, long long, long long, HandlePtr, Fetch*, char**) = 0;
+  virtual Code Upload(const char*, HandlePtr, Cache*, Record*, int32_t flags, char**) = 0;
+  virtual Code SetFileTime(const char*, std::string, std::string, std::string, Record*, char**) = 0;
+  virtual Code SetOpt(const char*, const char*) = 0;
+  virtual Code GetCredential(char*, int*) = 0;
+  virtual int GetFeature() = 0;
+  virtual Code SetQuotaCallback(void*, bool (*)(void*, void*, long long*, long long*)) = 0;
+  virtual void FreeMsg(char*) = 0;
+  virtual Code Connect(Auth*, const char*) = 0;
+  virtual Code GetIdentifier(char*, int*) = 0;
+  virtual Code GetRootID(char*, int*) = 0;
+  virtual Code SetChangesCallback(Changes*) = 0;
+};
+
+}  // namespace mirror
