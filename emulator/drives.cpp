@@ -4,6 +4,7 @@
 #include "emulator/api_error.h"
 #include "emulator/field_writer.h"
 #include "emulator/handlers.h"
+#include "emulator/ids.h"
 #include "emulator/paging.h"
 #include "emulator/times.h"
 
@@ -97,7 +98,73 @@ Reply Get(Service& service, const Call& call, const Wording& wording) {
   return DriveReply(service, call, DriveOf(service, call), wording);
 }
 
+void RequireOrganizer(Service& service, const Call& call, const Item& root) {
+  if (service.store.RoleOf(call.user.n, root) < Role::kOrganizer) {
+    throw Forbidden("insufficientPermissions",
+                    "The user does not have sufficient permissions for this shared drive.");
+  }
+}
+
+std::string NameIn(const Json::Value& body) {
+  if (!body["name"].isString() || body["name"].asString().empty()) {
+    throw ApiError(400, "required", "Required: name");
+  }
+  return body["name"].asString();
+}
+
+Reply Create(Service& service, const Call& call, const Wording& wording) {
+  const std::string request = call.Param("requestId");
+  if (request.empty()) {
+    throw ApiError(400, "required", "Required parameter: requestId").At("parameter", "requestId");
+  }
+  const std::string name = NameIn(call.Json());
+  const auto work = service.store.Begin();
+  // The id follows from the request's, so that a repeated request is known.
+  const std::string id = RootFolderId(HashText(call.user.email + "\n" + request));
+  if (service.store.Find(id)) {
+    throw ApiError(409, "duplicate", "A shared drive was already created by this request.");
+  }
+  return DriveReply(service, call, service.store.AddDrive(name, call.user.n, id), wording);
+}
+
+Reply Update(Service& service, const Call& call, const Wording& wording) {
+  const Json::Value body = call.Json();
+  const auto work = service.store.Begin();
+  Item root = DriveOf(service, call);
+  RequireOrganizer(service, call, root);
+  if (body.isMember("name")) root.name = NameIn(body);
+  service.store.Save(root);
+  return DriveReply(service, call, root, wording);
+}
+
+Reply Delete(Service& service, const Call& call) {
+  const auto work = service.store.Begin();
+  const Item root = DriveOf(service, call);
+  RequireOrganizer(service, call, root);
+  if (!service.store.Children(root.n).empty()) {
+    throw Forbidden("cannotDeleteResourceWithChildren",
+                    "A shared drive must be empty before it can be deleted.");
+  }
+  service.store.RemoveDrive(root);
+  return NoContent();
+}
+
+Reply Hide(Service& service, const Call& call, bool hidden) {
+  const auto work = service.store.Begin();
+  const Item root = DriveOf(service, call);
+  service.store.Sql().Run("UPDATE drives SET hidden = ? WHERE item = ?", hidden, root.n);
+  return DriveReply(service, call, root, kDrive);
+}
+
 }  // namespace
+
+Reply CreateDrive(Service& service, Call& call) { return Create(service, call, kDrive); }
+Reply CreateTeamDrive(Service& service, Call& call) { return Create(service, call, kTeamDrive); }
+Reply UpdateDrive(Service& service, Call& call) { return Update(service, call, kDrive); }
+Reply UpdateTeamDrive(Service& service, Call& call) { return Update(service, call, kTeamDrive); }
+Reply DeleteDrive(Service& service, Call& call) { return Delete(service, call); }
+Reply HideDrive(Service& service, Call& call) { return Hide(service, call, true); }
+Reply UnhideDrive(Service& service, Call& call) { return Hide(service, call, false); }
 
 Reply ListDrives(Service& service, Call& call) { return List(service, call, kDrive); }
 Reply ListTeamDrives(Service& service, Call& call) { return List(service, call, kTeamDrive); }

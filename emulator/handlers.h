@@ -58,5 +58,25 @@ Reply ListDrives(Service& service, Call& call);
 Reply ListTeamDrives(Service& service, Call& call);
 Reply GetDrive(Service& service, Call& call);
 Reply GetTeamDrive(Service& service, Call& call);
+Reply CreateDrive(Service& service, Call& call);
+Reply CreateTeamDrive(Service& service, Call& call);
+Reply UpdateDrive(Service& service, Call& call);
+Reply UpdateTeamDrive(Service& service, Call& call);
+Reply DeleteDrive(Service& service, Call& call);
+Reply HideDrive(Service& service, Call& call);
+Reply UnhideDrive(Service& service, Call& call);
+
+// permissions.cpp
+Reply ListPermissions(Service& service, Call& call);
+Reply GetPermission(Service& service, Call& call);
+Reply CreatePermission(Service& service, Call& call);
+Reply UpdatePermission(Service& service, Call& call);
+Reply DeletePermission(Service& service, Call& call);
+
+// oauth.cpp
+Reply ConsentPage(Service& service, Call& call);
+Reply ConsentAnswer(Service& service, Call& call);
+Reply IssueTokens(Service& service, Call& call);
+Reply RevokeToken(Service& service, Call& call);
 
 }  // namespace emulator

@@ -45,6 +45,10 @@ const std::vector<Route>& ApiRoutes() {
   static const char* const kFile = "/drive/v3/files/{fileId}";
   static const char* const kUploads = "/upload/drive/v3/files";
   static const char* const kUpload = "/upload/drive/v3/files/{fileId}";
+  static const char* const kDrive = "/drive/v3/drives/{driveId}";
+  static const char* const kTeamDrive = "/drive/v3/teamdrives/{driveId}";
+  static const char* const kPermissions = "/drive/v3/files/{fileId}/permissions";
+  static const char* const kPermission = "/drive/v3/files/{fileId}/permissions/{permissionId}";
   static const char* const kContent = "drive.upload.content";
   static const char* const kStart = "drive.upload.start";
   static const char* const kResumable = "uploadType=resumable";
@@ -79,9 +83,26 @@ const std::vector<Route>& ApiRoutes() {
       {"POST", "/drive/v3/changes/watch", "drive.changes.watch", WatchChanges},
       {"POST", "/drive/v3/channels/stop", "drive.channels.stop", StopChannel},
       {"GET", "/drive/v3/drives", "drive.drives.list", ListDrives},
-      {"GET", "/drive/v3/drives/{driveId}", "drive.drives.get", GetDrive},
+      {"POST", "/drive/v3/drives", "drive.drives.create", CreateDrive},
+      {"GET", kDrive, "drive.drives.get", GetDrive},
+      {"PATCH", kDrive, "drive.drives.update", UpdateDrive},
+      {"DELETE", kDrive, "drive.drives.delete", DeleteDrive},
+      {"POST", "/drive/v3/drives/{driveId}/hide", "drive.drives.hide", HideDrive},
+      {"POST", "/drive/v3/drives/{driveId}/unhide", "drive.drives.unhide", UnhideDrive},
       {"GET", "/drive/v3/teamdrives", "drive.teamdrives.list", ListTeamDrives},
-      {"GET", "/drive/v3/teamdrives/{driveId}", "drive.teamdrives.get", GetTeamDrive},
+      {"POST", "/drive/v3/teamdrives", "drive.teamdrives.create", CreateTeamDrive},
+      {"GET", kTeamDrive, "drive.teamdrives.get", GetTeamDrive},
+      {"PATCH", kTeamDrive, "drive.teamdrives.update", UpdateTeamDrive},
+      {"DELETE", kTeamDrive, "drive.teamdrives.delete", DeleteDrive},
+      {"GET", kPermissions, "drive.permissions.list", ListPermissions},
+      {"POST", kPermissions, "drive.permissions.create", CreatePermission},
+      {"GET", kPermission, "drive.permissions.get", GetPermission},
+      {"PATCH", kPermission, "drive.permissions.update", UpdatePermission},
+      {"DELETE", kPermission, "drive.permissions.delete", DeletePermission},
+      {"GET", "/o/oauth2/v2/auth", "oauth.auth", ConsentPage, "", false},
+      {"POST", "/o/oauth2/v2/auth", "oauth.consent", ConsentAnswer, "", false},
+      {"POST", "/token", "oauth.token", IssueTokens, "", false},
+      {"POST", "/revoke", "oauth.revoke", RevokeToken, "", false},
   };
   return routes;
 }
