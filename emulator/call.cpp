@@ -75,7 +75,8 @@ int64_t Call::Number(const std::string& name, int64_t low, int64_t high, int64_t
 }
 
 Json::Value Call::Json() const {
-  return body.empty() ? Json::Value(Json::objectValue) : ParseObject(body);
+  // A null document names as few members as no document at all.
+  return body.empty() || body == "null" ? Json::Value(Json::objectValue) : ParseObject(body);
 }
 
 Json::Value ParseObject(const std::string& text) {
