@@ -5,6 +5,7 @@
 
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
+#include "gdrive/json_array.h"
 #include "gdrive/push_connection.h"
 #include "gdrive/thread_mark.h"
 
@@ -33,7 +34,7 @@ void AddAffectedFolders(const JsonObject& change, IdList* folders) {
   const std::string id = file.GetObject("id");
   const std::string mimeType = file.GetObject("mimeType");
   if (file.HasObject("parents")) {
-    const JsonObject parents = file.GetObject("parents");
+    const JsonObject parents = GetArray(file, "parents");
     for (int i = static_cast<int>(parents.GetArraySize()) - 1; i >= 0; --i) {
       folders->Add(parents[i]);
     }
@@ -97,10 +98,13 @@ AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
 AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const std::string& asked,
                                    const ChangeVisitor& visit) {
   const JsonObject body(result.body.get(), result.bodyLength);
+  // Looked at before the cursor moves past it.
+  const bool hasChanges = body.HasObject("/changes");
+  if (hasChanges) (void)GetArray(body, "/changes");
   for (const char* name : {"/newStartPageToken", "/startPageToken"}) {
     if (body.HasObject(name)) MoveCursor(body.GetObject(name));
   }
-  if (body.HasObject("/changes")) {
+  if (hasChanges) {
     const JsonObject changes = body.GetObject("/changes");
     const int count = static_cast<int>(changes.GetArraySize());
     for (int i = 0; i < count; ++i) visit(changes[i]);

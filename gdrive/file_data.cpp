@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "gdrive/google_drive.h"
+#include "gdrive/json_array.h"
 #include "util/strings.h"
 #include "util/time_convert.h"
 
@@ -48,7 +49,7 @@ void GoogleDrive::FillData(JsonObject file, _FS_FILE_V2* out) const {
     out->size = strtoll(OptionalText(file, "/size").c_str(), nullptr, 10);
   }
   if (!file.HasObject("/parents")) return;
-  const JsonObject parents = file.GetObject("/parents");
+  const JsonObject parents = GetArray(file, "/parents");
   out->parents.clear();
   for (int i = static_cast<int>(parents.GetArraySize()) - 1; i >= 0; --i) {
     out->parents.push_back(parents[i]);

@@ -4,6 +4,7 @@
 
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
+#include "gdrive/json_array.h"
 
 namespace {
 
@@ -17,7 +18,7 @@ void Hand(IFileList* list, const _FS_FILE_V1& record) {
 /// The query for shared items has no folder that parents could name.
 bool IsElsewhere(const JsonObject& file, const std::string& folder) {
   if (!file.HasObject("/parents")) return false;
-  const JsonObject parents = file.GetObject("/parents");
+  const JsonObject parents = GetArray(file, "/parents");
   const int count = static_cast<int>(parents.GetArraySize());
   for (int i = 0; i < count; ++i) {
     if (std::string(parents[i]) == folder) return false;
@@ -81,7 +82,7 @@ AERROR GoogleDrive::ListFiles(const std::string& folder, const std::string& quer
 AERROR GoogleDrive::ReadPage(_CURLRTN& result, const std::string& folder, IFileList* list,
                              std::string* pageToken) const {
   const JsonObject body(result.body.get(), result.bodyLength);
-  const JsonObject files = body.GetObject("/files");
+  const JsonObject files = GetArray(body, "/files");
   const int count = static_cast<int>(files.GetArraySize());
   for (int i = 0; i < count; ++i) {
     const JsonObject file = files[i];
@@ -113,7 +114,7 @@ AERROR GoogleDrive::ListTeamDrives(IFileList* list) {
   const auto read = [&](_CURLRTN& result) {
     return Guarded([&] {
       const JsonObject body(result.body.get(), result.bodyLength);
-      const JsonObject drives = body.GetObject("/teamDrives");
+      const JsonObject drives = GetArray(body, "/teamDrives");
       const int count = static_cast<int>(drives.GetArraySize());
       for (int i = 0; i < count; ++i) {
         _FS_FILE_V2 record;

@@ -2,10 +2,19 @@
 // https://developers.google.com/drive/api/reference/rest/v3/files
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
+#include "net/memory_callbacks.h"
 
 namespace {
 
 const TransferErrorMap kTimeout{{CURLE_OPERATION_TIMEDOUT, AERROR::TIMEDOUT}};
+
+/// Posts a body that libcurl cannot rewind. It would send a request again whose connection broke
+/// before the answer, as if it had never arrived; of a folder that would make two.
+_CURLRTN PostOnce(CURLImpl& request, const std::string& body) {
+  MemorySource source{body.data(), 0, static_cast<long long>(body.size())};
+  return request.PerformPost(reinterpret_cast<void*>(&read_callback_buf_func), &source,
+                             source.length);
+}
 
 }  // namespace
 
@@ -67,7 +76,7 @@ AERROR GoogleDrive::CreateDirectory(const char* parent, _FS_FILE_V2* file, char*
       body["parents"].InsertArrayItem(folder);
       body["name"] = file->name;
       body["mimeType"] = kFolderMimeType;
-      return request->PerformPost(body.ToText());
+      return PostOnce(*request, body.ToText());
     };
     const auto read = [&](_CURLRTN& result) {
       return Guarded([&] {

@@ -2,6 +2,7 @@
 // https://developers.google.com/drive/api/reference/rest/v3/files/update
 #include "gdrive/google_drive.h"
 #include "gdrive/guarded.h"
+#include "gdrive/json_array.h"
 
 AERROR GoogleDrive::DoParentWork(_FS_FILE_V2* file, const char* removeParents,
                                  const char* addParents, char**) {
@@ -30,7 +31,7 @@ std::deque<std::string> GoogleDrive::GetParents(std::string id) {
   const auto read = [&](_CURLRTN& result) {
     return Guarded([&] {
       const JsonObject body(result.body.get(), result.bodyLength);
-      const JsonObject items = body.GetObject("/items");
+      const JsonObject items = GetArray(body, "/items");
       for (int i = static_cast<int>(items.GetArraySize()) - 1; i >= 0; --i) {
         parents.push_back(items[i].GetObject("/id"));
       }
