@@ -158,3 +158,14 @@ Json::Value DriveTest::Body(const std::string& method) const {
   EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &body, nullptr)) << text;
   return body;
 }
+
+WireTest::WireTest() {
+  service.Play({Http(200, std::string(R"({"rootFolderId": ")") + kRoot +
+                              R"(", "user": {"displayName": "N", "emailAddress": "E"},
+                              "quotaBytesTotal": "1", "quotaBytesUsedAggregate": "1"})"),
+                Http(200, std::string(R"({"id": ")") + kRoot +
+                              R"(", "name": "Root", "mimeType": ")" + kFolderMimeType + R"("})")});
+  profile.Set("drive_api_url", service.Origin());
+  drive.reset(new GoogleDrive("gdrive", &profile));
+  EXPECT_EQ(drive->Connect(&authoriser, Credential("token").c_str()), AERROR::SUCCESS);
+}

@@ -13,6 +13,7 @@
 #include "emulator/drive_emulator.h"
 #include "gdrive/google_drive.h"
 #include "tests/plugin/drive/host_objects.h"
+#include "tests/plugin/unit/wire_server.h"
 #include "util/clock.h"
 
 /// Time that passes only by being slept through or by Advance.
@@ -77,6 +78,20 @@ class DriveTest : public testing::Test {
   Profile profile;
   Authoriser authoriser;
   Drive drive;
+};
+
+/// A drive whose service is a script: for answers that no service would give.
+class WireTest : public testing::Test {
+ protected:
+  static constexpr char kRoot[] = "root-id";
+
+  WireTest();
+
+  FakeClock clock;
+  WireServer service;
+  Profile profile;
+  Authoriser authoriser;
+  std::unique_ptr<GoogleDrive, DriveRelease> drive;
 };
 
 /// A record of an item that the host knows under a name.
