@@ -289,8 +289,7 @@ TEST_F(PageTest, APageOfTheWrongShapeFailsTheListing) {
              R"({"files": [{"id": "i", "name": "n", "mimeType": "t", "parents": "f"}]})",
              R"({"files": [{"id": "i", "name": "n", "mimeType": "t", "parents": [{}]}]})",
              R"({"files": [{"id": "i", "name": "n", "mimeType": "t", "modifiedTime": []}]})",
-             R"({"files": [], "nextPageToken": {}})",
-             R"({"files": []}x)"}) {
+             R"({"files": [], "nextPageToken": {}})"}) {
     ItemList list;
     EXPECT_EQ(List({body}, &list), AERROR::FAILED) << body.substr(0, 80);
     EXPECT_EQ(list.items.size(), 0u) << body.substr(0, 80);
