@@ -13,9 +13,10 @@ else()
   pkg_check_modules(ZLIB REQUIRED IMPORTED_TARGET zlib)
   # Debian's name and everybody else's.
   pkg_search_module(CRYPTOPP REQUIRED IMPORTED_TARGET libcrypto++ libcryptopp)
-  if(APPLE)
+  if(VORMLANE_LIBUV)
     pkg_check_modules(UV REQUIRED IMPORTED_TARGET libuv)
-  else()  # macOS has it in its system library
+  endif()
+  if(NOT APPLE)  # macOS has it in its system library
     pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
   endif()
 endif()
@@ -33,9 +34,11 @@ list(TRANSFORM UWS_SOURCES PREPEND ${UWS_DIR}/src/)
 list(TRANSFORM UWS_SOURCES APPEND .cpp)
 add_library(uws STATIC ${UWS_SOURCES})
 target_include_directories(uws SYSTEM INTERFACE ${UWS_DIR}/src)
-# Its event loop is epoll on Linux and libuv elsewhere.
-target_link_libraries(uws PUBLIC PkgConfig::SSL PkgConfig::CRYPTO PkgConfig::ZLIB Threads::Threads
-  $<TARGET_NAME_IF_EXISTS:PkgConfig::UV>)
+target_link_libraries(uws PUBLIC PkgConfig::SSL PkgConfig::CRYPTO PkgConfig::ZLIB Threads::Threads)
+if(VORMLANE_LIBUV)
+  target_link_libraries(uws PUBLIC PkgConfig::UV)
+  target_compile_definitions(uws PUBLIC USE_LIBUV)
+endif()
 # Not our code: its warnings are not ours to fix.
 target_compile_options(uws PRIVATE -w)
 # It deletes its polls through a base class without a virtual destructor, so the size that a sized

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace emulator {
@@ -16,6 +17,16 @@ namespace {
 constexpr size_t kInputBuffer = 128 * 1024;
 constexpr size_t kOutputBuffer = 64 * 1024;
 constexpr size_t kLargestTransfer = 1 << 20;
+
+/// Repeats a call for as long as signals interrupt it.
+template <class Call>
+ssize_t Uninterrupted(Call call) {
+  ssize_t result = 0;
+  do {
+    result = call();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
 
 }  // namespace
 
@@ -53,7 +64,7 @@ bool Connection::AwaitRequest(std::chrono::milliseconds timeout) {
 ssize_t Connection::Receive(char* to, size_t size) {
   if (shaping != nullptr) size = shaping->up.Slice(size);
   const ssize_t got = ssl ? SSL_read(ssl.get(), to, static_cast<int>(size))
-                          : TEMP_FAILURE_RETRY(::recv(fd, to, size, 0));
+                          : Uninterrupted([&] { return ::recv(fd, to, size, 0); });
   if (got <= 0) {
     broken = true;
     return -1;
@@ -84,7 +95,7 @@ ssize_t Connection::Transmit(const char* data, size_t size) {
     shaping->down.Take(size);
   }
   return ssl ? SSL_write(ssl.get(), data, static_cast<int>(size))
-             : TEMP_FAILURE_RETRY(::send(fd, data, size, MSG_NOSIGNAL));
+             : Uninterrupted([&] { return ::send(fd, data, size, MSG_NOSIGNAL); });
 }
 
 bool Connection::TransmitAll(const char* data, size_t size) {

@@ -1,7 +1,6 @@
 #include "emulator/push_hub.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 #include <uWS.h>
 
 #include <atomic>
@@ -50,9 +49,11 @@ class PushHub::Loop {
   }
 
   void Add(const Arrival& arrival) {
+#ifdef USE_EPOLL
     // The library's upgrade changes the events of a socket that it believes to be watched already.
     epoll_event none{};
     epoll_ctl(hub->getLoop()->epfd, EPOLL_CTL_ADD, arrival.fd, &none);
+#endif
     arriving = &arrival;
     hub->upgrade(arrival.fd, arrival.key.c_str(), nullptr, arrival.extensions.c_str(),
                  arrival.extensions.size(), arrival.protocol.c_str(), arrival.protocol.size());
@@ -137,9 +138,10 @@ void PushHub::Accept(Connection& connection, const httplib::Request& request) {
   loop->Post([this, arrival] { loop->Add(arrival); });
 }
 
-// Holds the connection without a word until the client or the emulator has had enough.
+// Holds the connection without a word until the client or the emulator has had enough. A client
+// that waits for its answer sends nothing, so what there is to read is the end.
 void PushHub::Stall(Connection& connection) {
-  pollfd end{connection.socket(), POLLRDHUP, 0};
+  pollfd end{connection.socket(), POLLIN, 0};
   while (!stopper.Stopped() && ::poll(&end, 1, 20) == 0) {
   }
   connection.Reset();

@@ -42,7 +42,7 @@ Store::Work::Work(Store& owner)
 
 Store::Work::~Work() noexcept(false) {
   if (--store.depth > 0) return;
-  const Changed changed = std::exchange(store.changed, {});
+  const Changed news = std::exchange(store.changed, {});
   const std::vector<int64_t> dead = std::exchange(store.deadBlobs, {});
   if (std::uncaught_exceptions() > exceptions) {
     store.database.Run("ROLLBACK");
@@ -50,8 +50,8 @@ Store::Work::~Work() noexcept(false) {
   }
   store.database.Run("COMMIT");
   for (const int64_t blob : dead) store.contents.Remove(blob);
-  if (store.listener && (!changed.users.empty() || !changed.items.empty())) {
-    store.listener(changed);
+  if (store.listener && (!news.users.empty() || !news.items.empty())) {
+    store.listener(news);
   }
 }
 

@@ -13,7 +13,7 @@ namespace {
 
 /// A stream socket bound to a free port of loopback.
 int Bound(int* port) {
-  const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int made = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -108,7 +108,7 @@ int WireServer::Connections() const {
 
 void WireServer::Accept() {
   while (true) {
-    const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int socket = accept(listener, nullptr, nullptr);
     const std::lock_guard guard(mutex);
     if (stopping || socket < 0) {
       if (socket >= 0) close(socket);
