@@ -10,9 +10,6 @@
 #include <memory>
 #include <string>
 
-// The boundary counts slots: no destructor may stand among them.
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 namespace mirror {
 
 using Code = int32_t;
@@ -50,73 +47,80 @@ struct CacheRequest {
   int64_t zero;
 };
 
-struct Log {
+}  // namespace mirror
+
+// The interfaces bear the boundary's names, as sanitizers compare classes by name across it. It
+// counts slots: no destructor may stand among them.
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+struct ILog {
   virtual void Slot0() {}
   virtual bool IsVerbose() = 0;
   virtual void Write(int32_t level, const char* format, va_list arguments) = 0;
 };
-struct Job {
-  virtual Code Process(void* context) = 0;
+struct IAsyncObj {
+  virtual mirror::Code Process(void* context) = 0;
   virtual void Canceled(void* context) = 0;
-  virtual ~Job() = default;
+  virtual ~IAsyncObj() = default;
 };
-struct Queue {
+struct IAsyncQueue {
   virtual void Slot0() {}
-  virtual Code Enqueue(Job* job, void* context) = 0;
+  virtual mirror::Code Enqueue(IAsyncObj* job, void* context) = 0;
 };
-struct Manager {
+struct IProtocolManager {
   virtual int GetProfileID(const char* module, char* buffer, int* length) = 0;
   virtual int SetValue(const char* profile, const char* key, const char* value, int flag) = 0;
   virtual int GetValue(const char* profile, const char* key, char* buffer, int* length) = 0;
 };
-struct Auth {
+struct IProtocolAuth {
   virtual const char* Renew(void* protocol, const char* credential) = 0;
   virtual void Free(const char* credential) = 0;
 };
-struct List {
-  virtual void Add(Record* file) = 0;
+struct IFileList {
+  virtual void Add(mirror::Record* file) = 0;
 };
-struct Changes {
+struct IFileChanges {
   virtual void Slot0() {}
   virtual void Slot1() {}
   virtual void Slot2() {}
   virtual void Changed(const char* folder) = 0;
 };
-struct Fetch {
+struct IFetchCallback {
   virtual void OnData(long long offset, const char* data, unsigned long long length,
                       long long* extra) = 0;
 };
-struct Cache {
-  virtual int32_t Read(CacheRequest* request) = 0;
+struct ICacheIO {
+  virtual int32_t Read(mirror::CacheRequest* request) = 0;
 };
 
-struct Drive {
+struct IProtocol_V2 {
   virtual void Release() = 0;
-  virtual Code GetUserInfo(char*, int*) = 0;
-  virtual Code GetQuota(unsigned long long*, unsigned long long*) = 0;
-  virtual Code SetQuota(unsigned long long, unsigned long long) = 0;
-  virtual Code GetType(char**) = 0;
-  virtual Code GetFileList(const char*, List*, char**) = 0;
-  virtual Code GetChanges(Changes*, char**) = 0;
-  virtual Code GetFileInfo(const char*, Record*, char**) = 0;
-  virtual Code Rename(const char*, const char*, Record*, char**) = 0;
-  virtual Code Move(const char*, const char*, Record*, char**) = 0;
-  virtual Code MoveDir(const char*, const char*, Record*, char**) = 0;
-  virtual Code CreateDirectory(const char*, Record*, char**) = 0;
-  virtual Code Delete(Record*, char**) = 0;
-  virtual Code DeleteDirectory(Record*, char**) = 0;
-  virtual Code Read(const char*, long long, long long, HandlePtr, Fetch*, char**) = 0;
-  virtual Code Upload(const char*, HandlePtr, Cache*, Record*, int32_t flags, char**) = 0;
-  virtual Code SetFileTime(const char*, std::string, std::string, std::string, Record*, char**) = 0;
-  virtual Code SetOpt(const char*, const char*) = 0;
-  virtual Code GetCredential(char*, int*) = 0;
+  virtual mirror::Code GetUserInfo(char*, int*) = 0;
+  virtual mirror::Code GetQuota(unsigned long long*, unsigned long long*) = 0;
+  virtual mirror::Code SetQuota(unsigned long long, unsigned long long) = 0;
+  virtual mirror::Code GetType(char**) = 0;
+  virtual mirror::Code GetFileList(const char*, IFileList*, char**) = 0;
+  virtual mirror::Code GetChanges(IFileChanges*, char**) = 0;
+  virtual mirror::Code GetFileInfo(const char*, mirror::Record*, char**) = 0;
+  virtual mirror::Code Rename(const char*, const char*, mirror::Record*, char**) = 0;
+  virtual mirror::Code Move(const char*, const char*, mirror::Record*, char**) = 0;
+  virtual mirror::Code MoveDir(const char*, const char*, mirror::Record*, char**) = 0;
+  virtual mirror::Code CreateDirectory(const char*, mirror::Record*, char**) = 0;
+  virtual mirror::Code Delete(mirror::Record*, char**) = 0;
+  virtual mirror::Code DeleteDirectory(mirror::Record*, char**) = 0;
+  virtual mirror::Code Read(const char*, long long, long long, mirror::HandlePtr, IFetchCallback*,
+                            char**) = 0;
+  virtual mirror::Code Upload(const char*, mirror::HandlePtr, ICacheIO*, mirror::Record*,
+                              int32_t flags, char**) = 0;
+  virtual mirror::Code SetFileTime(const char*, std::string, std::string, std::string,
+                                   mirror::Record*, char**) = 0;
+  virtual mirror::Code SetOpt(const char*, const char*) = 0;
+  virtual mirror::Code GetCredential(char*, int*) = 0;
   virtual int GetFeature() = 0;
-  virtual Code SetQuotaCallback(void*, bool (*)(void*, void*, long long*, long long*)) = 0;
+  virtual mirror::Code SetQuotaCallback(void*, bool (*)(void*, void*, long long*, long long*)) = 0;
   virtual void FreeMsg(char*) = 0;
-  virtual Code Connect(Auth*, const char*) = 0;
-  virtual Code GetIdentifier(char*, int*) = 0;
-  virtual Code GetRootID(char*, int*) = 0;
-  virtual Code SetChangesCallback(Changes*) = 0;
+  virtual mirror::Code Connect(IProtocolAuth*, const char*) = 0;
+  virtual mirror::Code GetIdentifier(char*, int*) = 0;
+  virtual mirror::Code GetRootID(char*, int*) = 0;
+  virtual mirror::Code SetChangesCallback(IFileChanges*) = 0;
 };
-
-}  // namespace mirror

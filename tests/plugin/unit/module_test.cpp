@@ -22,7 +22,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-struct HostLog final : mirror::Log {
+struct HostLog final : ILog {
   bool IsVerbose() override { return false; }
   void Write(int32_t level, const char* format, va_list arguments) override {
     char text[1000];
@@ -32,7 +32,7 @@ struct HostLog final : mirror::Log {
   std::vector<std::string> lines;
 };
 
-struct HostManager final : mirror::Manager {
+struct HostManager final : IProtocolManager {
   int GetProfileID(const char* module, char* buffer, int* length) override {
     EXPECT_STREQ(module, "Vormlane3_google.dll_3.6.344.0");
     EXPECT_EQ(*length, 256);
@@ -55,7 +55,7 @@ struct HostManager final : mirror::Manager {
   std::map<std::string, std::string> values;
 };
 
-struct HostAuth final : mirror::Auth {
+struct HostAuth final : IProtocolAuth {
   const char* Renew(void*, const char* credential) override {
     EXPECT_STREQ(credential, R"({"results":{"access_token":"old"}})");
     ++given;
@@ -68,21 +68,21 @@ struct HostAuth final : mirror::Auth {
   int given = 0;
 };
 
-struct HostList final : mirror::List {
+struct HostList final : IFileList {
   void Add(mirror::Record* file) override { files.push_back(*file); }
   std::vector<mirror::Record> files;
 };
 
-struct ThrowingList final : mirror::List {
+struct ThrowingList final : IFileList {
   void Add(mirror::Record*) override { throw std::runtime_error("host"); }
 };
 
-struct HostChanges final : mirror::Changes {
+struct HostChanges final : IFileChanges {
   void Changed(const char* folder) override { folders.push_back(folder); }
   std::vector<std::string> folders;
 };
 
-struct HostFetch final : mirror::Fetch {
+struct HostFetch final : IFetchCallback {
   void OnData(long long offset, const char* data, unsigned long long length,
               long long* extra) override {
     text = std::to_string(offset) + (extra ? " local " : " remote ") + std::string(data, length);
@@ -90,7 +90,7 @@ struct HostFetch final : mirror::Fetch {
   std::string text;
 };
 
-struct HostCache final : mirror::Cache {
+struct HostCache final : ICacheIO {
   int32_t Read(mirror::CacheRequest* request) override {
     EXPECT_EQ(request->fileSize, 5);
     EXPECT_NE(request->handle, nullptr);
@@ -100,17 +100,17 @@ struct HostCache final : mirror::Cache {
   }
 };
 
-struct HostJob final : mirror::Job {
+struct HostJob final : IAsyncObj {
   Code Process(void* context) override { return *static_cast<Code*>(context); }
   void Canceled(void*) override {}
 };
 
-struct HostQueue final : mirror::Queue {
-  Code Enqueue(mirror::Job* job, void* context) override {
+struct HostQueue final : IAsyncQueue {
+  Code Enqueue(IAsyncObj* job, void* context) override {
     jobs.push_back(job);
     return context ? 77 : 78;
   }
-  std::vector<mirror::Job*> jobs;
+  std::vector<IAsyncObj*> jobs;
 };
 
 struct Module : testing::Test {
@@ -127,11 +127,11 @@ struct Module : testing::Test {
     EXPECT_NE(found, nullptr) << name;
     return reinterpret_cast<Type*>(found);
   }
-  mirror::Drive* NewDrive() {
+  IProtocol_V2* NewDrive() {
     void* made = nullptr;
     EXPECT_TRUE(
-        Symbol<bool(const char*, mirror::Manager*, void**)>("GetProtocol")("x", &manager, &made));
-    return static_cast<mirror::Drive*>(made);
+        Symbol<bool(const char*, IProtocolManager*, void**)>("GetProtocol")("x", &manager, &made));
+    return static_cast<IProtocol_V2*>(made);
   }
 };
 
@@ -151,8 +151,8 @@ TEST_F(Module, AnswersDiscovery) {
   freeP(name);
   freeP(supports(nullptr));
   freeP(nullptr);
-  EXPECT_FALSE(Symbol<bool(const char*, mirror::Manager*, void**)>("GetProtocol")(nullptr, nullptr,
-                                                                                  nullptr));
+  EXPECT_FALSE(Symbol<bool(const char*, IProtocolManager*, void**)>("GetProtocol")(nullptr, nullptr,
+                                                                                   nullptr));
 }
 
 TEST_F(Module, FieldSchemasFollowTheBufferRule) {
@@ -198,9 +198,9 @@ TEST_F(Module, TimeFunctionsAreReachableByTheirNames) {
 }
 
 TEST_F(Module, JobsRunAtOnceUntilAQueueIsBound) {
-  auto* bind = Symbol<bool(mirror::Queue*)>("BindAsyncQ");
+  auto* bind = Symbol<bool(IAsyncQueue*)>("BindAsyncQ");
   auto* unbind = Symbol<void()>("UnbindAsyncQ");
-  auto* run = Symbol<Code(mirror::Job*, void*)>("_Z10QueueAsyncP9IAsyncObjPv");
+  auto* run = Symbol<Code(IAsyncObj*, void*)>("_Z10QueueAsyncP9IAsyncObjPv");
   HostJob job;
   HostQueue queue;
   Code result = 41;
@@ -208,7 +208,7 @@ TEST_F(Module, JobsRunAtOnceUntilAQueueIsBound) {
   EXPECT_EQ(run(nullptr, nullptr), 1001);
   EXPECT_TRUE(bind(&queue));
   EXPECT_FALSE(bind(nullptr));  // the queue stays
-  EXPECT_EQ(*Symbol<mirror::Queue*>("aq"), &queue);
+  EXPECT_EQ(*Symbol<IAsyncQueue*>("aq"), &queue);
   EXPECT_EQ(run(&job, &result), 77);
   unbind();
   EXPECT_EQ(run(&job, &result), 41);
@@ -216,7 +216,7 @@ TEST_F(Module, JobsRunAtOnceUntilAQueueIsBound) {
 }
 
 TEST_F(Module, EverySlotTakesNullsBeforeConnect) {
-  mirror::Drive* drive = NewDrive();
+  IProtocol_V2* drive = NewDrive();
   mirror::Record record;
   const mirror::HandlePtr none;
   char* type = nullptr;
@@ -275,10 +275,10 @@ TEST_F(Module, HostObjectsAreCalledThroughTheirSlots) {
   WireServer server;
   HostLog log;
   HostAuth auth;
-  EXPECT_TRUE(Symbol<bool(mirror::Log*)>("BindLogger")(&log));
+  EXPECT_TRUE(Symbol<bool(ILog*)>("BindLogger")(&log));
   manager.values["drive_api_url"] = server.Origin();
   manager.values["lastchangeid"] = "7";
-  mirror::Drive* drive = NewDrive();
+  IProtocol_V2* drive = NewDrive();
   server.Play({Http(401, "{}"), Http(200, kAbout), Http(200, kFile)});
   EXPECT_EQ(drive->Connect(&auth, R"({"results":{"access_token":"old"}})"), 0);
   EXPECT_EQ(auth.given, 0);
@@ -333,14 +333,14 @@ TEST_F(Module, HostObjectsAreCalledThroughTheirSlots) {
   EXPECT_EQ(manager.values["pid"], "profile");
   drive->Release();
   Symbol<void()>("UnbindLogger")();
-  EXPECT_EQ(*Symbol<mirror::Log*>("logger"), nullptr);
+  EXPECT_EQ(*Symbol<ILog*>("logger"), nullptr);
 }
 
 TEST_F(Module, ManyThreadsMakeAndReleaseDrives) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 100; ++i) {
     threads.emplace_back([this] {
-      mirror::Drive* drive = NewDrive();
+      IProtocol_V2* drive = NewDrive();
       EXPECT_EQ(drive->GetFeature(), 69);
       drive->Release();
     });
