@@ -82,6 +82,11 @@ bool Content::IsComplete() {
   return pages.Complete();
 }
 
+bool Content::HasUnsavedMap() {
+  std::lock_guard lock(mutex);
+  return mapChanged;
+}
+
 bool Content::Snapshot(std::string& bits, int64_t& bytes) {
   {
     std::lock_guard lock(mutex);

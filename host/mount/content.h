@@ -60,6 +60,7 @@ class Content {
   int Store(std::span<const char> bytes, int64_t offset);
   void MarkComplete();
   bool IsComplete();
+  bool HasUnsavedMap();
   /// The map as it is on the disk now: syncs the bytes first. False when nothing changed since.
   bool Snapshot(std::string& bits, int64_t& bytes);
 

@@ -31,8 +31,12 @@ fs::path ContentStore::PathOf(int64_t content) const { return directory / std::t
 
 ContentPtr ContentStore::Open(const ContentRow& row) {
   std::lock_guard lock(mutex);
-  std::weak_ptr<Content>& slot = live[row.content];
-  if (ContentPtr open = slot.lock()) return open;
+  const auto at = live.find(row.content);
+  if (at != live.end()) return at->second;
+  return live[row.content] = OpenFile(row);
+}
+
+ContentPtr ContentStore::OpenFile(const ContentRow& row) const {
   const fs::path path = PathOf(row.content);
   const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   struct stat status {};
@@ -49,7 +53,6 @@ ContentPtr ContentStore::Open(const ContentRow& row) {
     throw Failure("cannot size " + path.string() + ": " + std::strerror(errno),
                   "make room on the disk");
   }
-  slot = content;
   return content;
 }
 
@@ -88,12 +91,19 @@ ContentPtr ContentStore::Current(Item& item) {
 std::vector<ContentPtr> ContentStore::Live() {
   std::lock_guard lock(mutex);
   std::vector<ContentPtr> contents;
-  for (auto at = live.begin(); at != live.end();) {
-    ContentPtr content = at->second.lock();
-    at = content ? std::next(at) : live.erase(at);
-    if (content) contents.push_back(std::move(content));
-  }
+  for (const auto& [number, content] : live) contents.push_back(content);
   return contents;
+}
+
+/// What nobody uses and has nothing to save needs no descriptor.
+void ContentStore::CloseIdle() {
+  std::vector<ContentPtr> idle;  // closed without the mutex
+  std::lock_guard lock(mutex);
+  for (auto at = live.begin(); at != live.end();) {
+    const bool inUse = at->second.use_count() > 1 || at->second->HasUnsavedMap();
+    if (!inUse) idle.push_back(std::move(at->second));
+    at = inUse ? std::next(at) : live.erase(at);
+  }
 }
 
 void ContentStore::Save(const ContentPtr& content) {
@@ -110,6 +120,7 @@ void ContentStore::Save(const ContentPtr& content) {
 
 void ContentStore::SaveMaps() {
   for (const ContentPtr& content : Live()) Save(content);
+  CloseIdle();
 }
 
 bool ContentStore::SyncDirectory() {

@@ -52,13 +52,16 @@ class ContentStore {
 
  private:
   std::filesystem::path PathOf(int64_t content) const;
+  ContentPtr OpenFile(const ContentRow& row) const;
   void Save(const ContentPtr& content);
+  void CloseIdle();
 
   State& state;
   const std::filesystem::path directory;
   const int64_t limit;
   std::mutex mutex;  // taken after the mutex of State
-  std::map<int64_t, std::weak_ptr<Content>> live;
+  /// In use, or with a map that is not saved yet.
+  std::map<int64_t, ContentPtr> live;
 };
 
 }  // namespace host::mount

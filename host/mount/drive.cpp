@@ -105,6 +105,7 @@ void Drive::Stop() {
 void Drive::Changed(const Notices& notices) {
   for (const Notice& notice : notices)
     if (notice.kind == Notice::kVersion) files.Outdated(notice.ino);
+  queue.TakeUp();
   if (Observer* kernel = observer) kernel->Changed(notices);
 }
 

@@ -68,8 +68,7 @@ void FolderCache::ReportChange(const std::string& folderId) {
 }
 
 void FolderCache::Tell(const Notices& notices) {
-  Observer* who = observer;
-  if (who != nullptr && !notices.empty()) who->Changed(notices);
+  if (Observer* who = observer) who->Changed(notices);
 }
 
 FolderCache::ListingPtr FolderCache::Start(Inode folder, Urgency urgency, int depth) {

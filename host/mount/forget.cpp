@@ -30,6 +30,7 @@ void Detach(State& state, Item& item) {
   row.attempted = false;
   if (row.since == 0) row.since = NowSeconds();
   state.journal.Put(row);
+  state.newlyOwed.push_back(item.ino);
 }
 
 bool GoneAtService(State& state, ContentStore& store, Item item, Notices& notices) {

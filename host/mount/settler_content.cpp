@@ -206,8 +206,10 @@ Notices Settler::KeepBothLocked(const Work& work, const RemoteItem& record) {
   theirs.mtime = FromRfc3339(record.time3);
   theirs.stamp = state.NextStamp();
   state.items.Insert(theirs);
-  if (Trimmed(theirs.driveName) != theirs.remoteName || work.parent.id != theirs.remoteParent)
+  if (Trimmed(theirs.driveName) != theirs.remoteName || work.parent.id != theirs.remoteParent) {
     state.journal.Put({.ino = theirs.ino, .since = NowSeconds()});
+    state.newlyOwed.push_back(theirs.ino);
+  }
   state.AddEvent("\"" + theirs.name + "\" was changed elsewhere too: your version is kept as \"" +
                  mine->name + "\"");
   return {{Notice::kEntry, mine->parent, mine->name}, {Notice::kEntry, mine->parent, theirs.name}};

@@ -72,6 +72,10 @@ class State {
   /// shows them.
   std::unordered_map<std::string, int64_t> buried;
 
+  /// Items that came to be owed by what the service said rather than by a program; the upload
+  /// queue takes them up.
+  std::vector<Inode> newlyOwed;
+
   /// The journal row of an item, or a new one that begins from what the service has.
   JournalRow RowFor(const Item& item);
 

@@ -35,6 +35,16 @@ void UploadQueue::Stop() {
   threads.clear();
 }
 
+void UploadQueue::TakeUp() {
+  std::vector<Inode> owed;
+  {
+    std::lock_guard lock(state.mutex);
+    owed.swap(state.newlyOwed);
+  }
+  std::lock_guard lock(mutex);
+  for (const Inode ino : owed) ScheduleLocked(ino, Milliseconds(0));
+}
+
 void UploadQueue::Committed(Inode ino, bool heldOpen) {
   Schedule(ino, heldOpen ? settings.heldOpenDelay : settings.uploadDelay);
 }
@@ -100,6 +110,7 @@ void UploadQueue::RunOne(std::unique_lock<std::mutex>& lock, Inode ino) {
   } catch (const std::exception& failure) {
     verdict = {.kind = Verdict::kFailed, .error = failure.what()};
   }
+  TakeUp();
   lock.lock();
   Conclude(ino, verdict);
 }

@@ -35,6 +35,9 @@ class UploadQueue final : public Owed {
   /// A journal row was written or changed.
   void Changed(Inode ino) { Schedule(ino, settings.uploadDelay); }
 
+  /// Takes up what State::newlyOwed holds.
+  void TakeUp();
+
   // Owed
   void Committed(Inode ino, bool heldOpen) override;
   int AwaitSettled(Inode ino) override;

@@ -1,0 +1,295 @@
+// What programs do reaches the service once, whatever happens to the requests, and what others do
+// there is never overwritten.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include "tests/mount/drive_fixture.h"
+
+namespace host::mount {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+std::span<const char> Bytes(std::string_view text) { return {text.data(), text.size()}; }
+
+class Settle : public DriveFixture {
+ protected:
+  Settle() { Start(); }
+
+  void Fault(const std::string& method, const std::string& kind, int times = 1) {
+    emulator::Fault fault;
+    fault.method = method;
+    fault.kind = kind;
+    fault.times = times;
+    service.Inject(fault);
+  }
+};
+
+TEST_F(Settle, BringsATreeToTheService) {
+  ASSERT_EQ(MakeFolder("a"), 0);
+  ASSERT_EQ(MakeFolder("a/b"), 0);
+  ASSERT_EQ(Write("a/b/c.txt", "content"), 0);
+  ASSERT_EQ(Write("a/empty", ""), 0);
+  Drain();
+  EXPECT_EQ(AtService("a/b/c.txt"), "content");
+  EXPECT_EQ(AtService("a/empty"), "");
+  EXPECT_EQ(drive->queue.Pending(), 0);
+}
+
+TEST_F(Settle, NeverTellsTheServiceWhatIsGoneAgain) {
+  Settings slow = QuickSettings();
+  slow.uploadDelay = Milliseconds(2000);
+  Stop();
+  Start(slow);
+  service.ClearJournal();
+  ASSERT_EQ(MakeFolder("scratch"), 0);
+  ASSERT_EQ(Write("scratch/lock", "1"), 0);
+  ASSERT_EQ(Rename("scratch/lock", "scratch/config"), 0);
+  ASSERT_EQ(Remove("scratch/config"), 0);
+  ASSERT_EQ(RemoveFolder("scratch"), 0);
+  Drain();
+  EXPECT_EQ(service.Count("drive.files.create") + service.Count("drive.upload.start") +
+                service.Count("drive.files.delete"),
+            0);
+}
+
+// Every request that changes something, each with an answer that is lost after the change was made
+// and with one that is lost before it.
+class LostAnswer : public Settle,
+                   public ::testing::WithParamInterface<std::tuple<const char*, const char*>> {};
+
+TEST_P(LostAnswer, LeavesOneCopyOfEverything) {
+  ASSERT_EQ(Write("old.txt", "one"), 0);
+  ASSERT_EQ(Write("gone.txt", "bye"), 0);
+  ASSERT_EQ(MakeFolder("from"), 0);
+  ASSERT_EQ(Write("from/moved.txt", "moved"), 0);
+  Drain();
+  const std::optional<std::string> id = service.Find("old.txt");
+  const auto [method, kind] = GetParam();
+  Fault(method, kind, 2);
+  ASSERT_EQ(Write("old.txt", "two"), 0);
+  ASSERT_EQ(Write("new.txt", "new"), 0);
+  ASSERT_EQ(MakeFolder("into"), 0);
+  ASSERT_EQ(Rename("from/moved.txt", "into/moved2.txt"), 0);
+  ASSERT_EQ(Remove("gone.txt"), 0);
+  ASSERT_EQ(drive->files.SetTime(Find("new.txt"), 1'709'200'800'000'000'000), 0);
+  Drain();
+  EXPECT_EQ(AtService("old.txt"), "two");
+  EXPECT_EQ(service.Find("old.txt"), id);
+  EXPECT_EQ(AtService("into/moved2.txt"), "moved");
+  EXPECT_THAT(NamesAtService(), ElementsAre("from", "into", "new.txt", "old.txt"));
+  EXPECT_TRUE(NamesAtService("from").empty());
+  EXPECT_EQ(service.Item(*service.Find("new.txt"))["modifiedTime"].asString(),
+            "2024-02-29T10:00:00.000Z");
+  EXPECT_THAT(Names(), ElementsAre("from", "into", "new.txt", "old.txt"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, LostAnswer,
+    ::testing::Combine(
+        ::testing::Values("drive.upload.start", "drive.upload.content", "drive.files.create",
+                          "drive.files.update", "drive.files.delete", "drive.files.get",
+                          "drive.files.list"),
+        ::testing::Values("applied-not-answered", "reset-before", "garbage", "truncate")));
+
+TEST_F(Settle, KeepsARemoteEditBesideALocalOne) {
+  ASSERT_EQ(Write("report.txt", "base"), 0);
+  Drain();
+  const std::string id = *service.Find("report.txt");
+  Settings slow = QuickSettings();
+  Stop();
+  Start(slow);
+  service.Write(id, "theirs");
+  ASSERT_EQ(Write("report.txt", "mine, which is longer"), 0);
+  Drain();
+  EXPECT_EQ(service.Content(id), "theirs");
+  const std::vector<std::string> names = NamesAtService();
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_THAT(names[0], HasSubstr("report (conflict "));
+  EXPECT_EQ(AtService(names[0]), "mine, which is longer");
+  EXPECT_EQ(Read("report.txt"), "theirs");
+  EXPECT_EQ(Read(names[0]), "mine, which is longer");
+  std::lock_guard lock(drive->state.mutex);
+  ASSERT_EQ(drive->state.Events().size(), 1u);
+  EXPECT_THAT(drive->state.Events()[0].text, HasSubstr("changed elsewhere too"));
+}
+
+TEST_F(Settle, GivesTheIdOfAReplacedFileToItsSuccessor) {
+  ASSERT_EQ(Write("doc.odt", "first"), 0);
+  Drain();
+  const std::string id = *service.Find("doc.odt");
+  for (const bool uploadedBefore : {false, true}) {
+    ASSERT_EQ(Write("doc.odt~new", "second"), 0);
+    if (uploadedBefore) Drain();
+    ASSERT_EQ(Rename("doc.odt~new", "doc.odt"), 0);
+    Drain();
+    EXPECT_EQ(service.Find("doc.odt"), id);
+    EXPECT_EQ(AtService("doc.odt"), "second");
+    EXPECT_THAT(NamesAtService(), ElementsAre("doc.odt"));
+  }
+}
+
+TEST_F(Settle, RemakesWhatOthersDeletedUnderALocalEdit) {
+  ASSERT_EQ(MakeFolder("shared"), 0);
+  ASSERT_EQ(Write("shared/a.txt", "one"), 0);
+  ASSERT_EQ(Write("trashed.txt", "one"), 0);
+  Drain();
+  service.Remove(*service.Find("shared"));
+  service.Trash(*service.Find("trashed.txt"));
+  ASSERT_EQ(Write("shared/a.txt", "two"), 0);
+  ASSERT_EQ(Write("trashed.txt", "two"), 0);
+  Refresh();
+  Drain();
+  EXPECT_EQ(AtService("shared/a.txt"), "two");
+  EXPECT_EQ(AtService("trashed.txt"), "two");
+}
+
+TEST_F(Settle, DoesNotDeleteWhatOthersPutIntoAFolder) {
+  ASSERT_EQ(MakeFolder("box"), 0);
+  Drain();
+  service.Put("box/theirs.txt", "precious");
+  ASSERT_EQ(RemoveFolder("box"), 0);  // nobody here knows yet
+  Drain();
+  EXPECT_EQ(AtService("box/theirs.txt"), "precious");
+  EXPECT_EQ(Read("box/theirs.txt"), "precious");
+}
+
+TEST_F(Settle, SendsNothingButWholeCommits) {
+  const auto [folder, name] = Place("log.txt");
+  Item item;
+  std::unique_ptr<OpenFile> file;
+  ASSERT_EQ(drive->files.Create(folder, name, O_CREAT | O_WRONLY, item, file), 0);
+  ASSERT_EQ(drive->files.Write(*file, Bytes("first"), 0), 5);
+  Drain();
+  EXPECT_EQ(AtService("log.txt"), "(none)");  // not closed yet
+  ASSERT_EQ(drive->files.Fsync(*file), 0);
+  Drain();
+  EXPECT_EQ(AtService("log.txt"), "first");
+  ASSERT_EQ(drive->files.Write(*file, Bytes("FIRST"), 0), 5);
+  Drain();
+  EXPECT_EQ(AtService("log.txt"), "first");
+  drive->files.Release(std::move(file));
+  Drain();
+  EXPECT_EQ(AtService("log.txt"), "FIRST");
+}
+
+TEST_F(Settle, UploadsAgainWhenTheFileChangesMeanwhile) {
+  service.SetBandwidth(20 << 20);
+  const std::string before(8 << 20, 'a');
+  const std::string after(8 << 20, 'b');
+  ASSERT_EQ(Write("big", before), 0);
+  while (drive->queue.Transfers().empty() && drive->queue.Pending() > 0) std::this_thread::yield();
+  const Inode ino = Find("big");
+  std::unique_ptr<OpenFile> file;
+  ASSERT_EQ(drive->files.Open(ino, O_WRONLY, file), 0);
+  ASSERT_EQ(drive->files.Write(*file, after, 0), static_cast<ssize_t>(after.size()));
+  drive->files.Release(std::move(file));
+  service.SetBandwidth(0);
+  Drain();
+  EXPECT_TRUE(AtService("big") == after);
+  EXPECT_THAT(NamesAtService(), ElementsAre("big"));
+}
+
+TEST_F(Settle, AnOpenFileOutlivesItsName) {
+  service.Put("a.txt", "remote");
+  Refresh();
+  std::unique_ptr<OpenFile> file;
+  ASSERT_EQ(drive->files.Open(Find("a.txt"), O_RDWR, file), 0);
+  ASSERT_EQ(Remove("a.txt"), 0);
+  Drain();
+  EXPECT_EQ(AtService("a.txt"), "(none)");
+  ASSERT_EQ(Write("a.txt", "another"), 0);
+  // Its bytes were not read before it went: they are lost at the service, and that is an error.
+  std::string bytes(6, '\0');
+  EXPECT_LT(drive->files.Read(*file, bytes, 0), 0);
+  drive->files.Release(std::move(file));
+  Drain();
+  EXPECT_EQ(AtService("a.txt"), "another");
+}
+
+TEST_F(Settle, MovesFoldersAroundEachOther) {
+  ASSERT_EQ(MakeFolder("outer"), 0);
+  ASSERT_EQ(MakeFolder("outer/inner"), 0);
+  ASSERT_EQ(Write("outer/inner/leaf", "x"), 0);
+  Drain();
+  ASSERT_EQ(Rename("outer/inner", "inner"), 0);
+  ASSERT_EQ(Rename("outer", "inner/outer"), 0);
+  ASSERT_EQ(Rename("inner/leaf", "inner/outer/leaf"), 0);
+  Drain();
+  EXPECT_EQ(AtService("inner/outer/leaf"), "x");
+  EXPECT_THAT(NamesAtService(), ElementsAre("inner"));
+}
+
+TEST_F(Settle, KeepsItsPromisesThroughARestart) {
+  Fault("drive.upload.content", "reset-before", 1000);
+  ASSERT_EQ(Write("kept.txt", "kept"), 0);
+  ASSERT_EQ(MakeFolder("dir"), 0);
+  ASSERT_EQ(Rename("kept.txt", "dir/kept2.txt"), 0);
+  Stop();
+  service.ClearFaults();
+  Start();
+  EXPECT_EQ(Read("dir/kept2.txt"), "kept");
+  Drain();
+  EXPECT_EQ(AtService("dir/kept2.txt"), "kept");
+  EXPECT_THAT(NamesAtService(), ElementsAre("dir"));
+}
+
+TEST_F(Settle, ServesWhatItHasWithoutTheService) {
+  service.Put("dir/a.txt", "cached");
+  service.Put("dir/b.txt", "not cached");
+  ASSERT_EQ(Names("dir").size(), 2u);
+  EXPECT_EQ(Read("dir/a.txt"), "cached");
+  Stop();
+  Fault("*", "reset-before", 1'000'000);
+  Start();
+  EXPECT_THAT(Names("dir"), ElementsAre("a.txt", "b.txt"));
+  EXPECT_EQ(Read("dir/a.txt"), "cached");
+  EXPECT_EQ(Read("dir/b.txt"), "(error)");
+  EXPECT_EQ(Write("dir/c.txt", "later"), 0);
+  service.ClearFaults();
+  Drain();
+  EXPECT_EQ(AtService("dir/c.txt"), "later");
+}
+
+TEST_F(Settle, FollowsWhatOthersDo) {
+  service.Put("dir/a.txt", "one");
+  service.Put("other/keep", "");
+  ASSERT_THAT(Names("dir"), ElementsAre("a.txt"));
+  ASSERT_THAT(Names("other"), ElementsAre("keep"));
+  const Inode before = Find("dir/a.txt");
+  EXPECT_EQ(Read("dir/a.txt"), "one");
+  service.Write(*service.Find("dir/a.txt"), "two!");
+  Refresh("dir");
+  EXPECT_EQ(Read("dir/a.txt"), "two!");
+  service.Move(*service.Find("dir/a.txt"), *service.Find("other"));
+  Refresh("other");
+  Refresh("dir");
+  EXPECT_EQ(Find("other/a.txt"), before);  // the same file in another place
+  service.Remove(*service.Find("other/a.txt"));
+  Refresh("other");
+  EXPECT_THAT(Names("other"), ElementsAre("keep"));
+}
+
+TEST_F(Settle, ShowsEveryTwinAndReachesEach) {
+  const std::string root = service.RootId();
+  service.PutUnder(root, "same.txt", "1");
+  service.PutUnder(root, "same.txt", "2");
+  service.PutUnder(root, "a/b", "slash");
+  service.PutUnder(root, std::string(300, 'n'), "long");
+  service.PutUnder(root, "..", "dots");
+  Refresh();
+  std::vector<std::string> contents;
+  for (const std::string& name : Names()) contents.push_back(Read(name));
+  EXPECT_THAT(contents, UnorderedElementsAre("1", "2", "slash", "long", "dots"));
+  EXPECT_EQ(Read("a%2Fb"), "slash");
+  ASSERT_EQ(Rename("a%2Fb", "a%2Fc"), 0);
+  ASSERT_EQ(Write("d%2Fe", "made"), 0);
+  Drain();
+  EXPECT_EQ(service.ChildrenNamed(root, "a/c").size(), 1u);
+  EXPECT_EQ(service.ChildrenNamed(root, "d/e").size(), 1u);
+}
+
+}  // namespace
+}  // namespace host::mount
