@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <optional>
@@ -89,9 +90,11 @@ TEST(TimeText, FieldsAreWrittenAsTheyAreOrNormalised) {
 
 TEST(TimeText, NowHasMillisecondsAndNoZone) {
   const Zone zone("IST-5:30");
-  const time_t before = time(nullptr);
+  // time() reads a coarser clock, which may still be in the second before.
+  using Clock = std::chrono::system_clock;
+  const time_t before = Clock::to_time_t(Clock::now());
   const std::string text = GetSystemTimeRfc3339();
-  const time_t after = time(nullptr);
+  const time_t after = Clock::to_time_t(Clock::now());
   ASSERT_EQ(text.size(), 23u) << text;
   EXPECT_EQ(text[19], '.');
   EXPECT_GE(RFC3339ToLocalTM(text), before);
