@@ -258,7 +258,7 @@ std::unique_ptr<HttpServer> ServeAdmin(DriveEmulator& emulator, const std::strin
                   const httplib::ContentReader* body) {
         Stopper unused;
         const std::optional<Fault> noFault;
-        Responder responder(connection, unused, noFault, [](int64_t) {});
+        Responder responder(connection, unused, noFault, {[](int64_t) {}, [](int64_t) {}});
         responder.Send(Answer(emulator, request, body), request.method == "HEAD",
                        request.get_header_value("Connection") == "close");
       });

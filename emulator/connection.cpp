@@ -38,7 +38,7 @@ Connection::Connection(int socketFd, uint64_t connectionNumber, Shaping* limits)
 
 Connection::~Connection() {
   if (fd < 0) return;
-  if (!broken && Flush() && ssl) SSL_shutdown(ssl.get());
+  if (((!broken && Flush()) || orderly) && ssl) SSL_shutdown(ssl.get());
   ssl.reset();
   ::close(fd);
 }
@@ -141,10 +141,8 @@ void Connection::Reset() {
 }
 
 void Connection::Close() {
-  Flush();
+  orderly = Flush();
   broken = true;
-  if (ssl) SSL_shutdown(ssl.get());
-  ::shutdown(fd, SHUT_WR);
 }
 
 int Connection::Release() {

@@ -40,7 +40,7 @@ class Connection : public httplib::Stream {
   bool Flush();
   /// Ends with a TCP reset: what is still buffered is lost.
   void Reset();
-  /// Ends in order once what is buffered is sent.
+  /// Sends what is buffered; the connection then ends in order when this object goes.
   void Close();
   bool Broken() const { return broken; }
   /// While muted, what the HTTP parser's library writes is dropped: responses are written by Send.
@@ -73,6 +73,7 @@ class Connection : public httplib::Stream {
   size_t inBegin = 0, inEnd = 0;
   bool muted = false;
   bool broken = false;
+  bool orderly = false;  ///< broken on purpose: TLS says good-bye
 };
 
 }  // namespace emulator

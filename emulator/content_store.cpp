@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -122,7 +123,7 @@ void ContentWriter::StartOver() {
 ContentStore::ContentStore(std::filesystem::path place)
     : directory(std::move(place)), temporary(directory.empty()) {
   if (!temporary) {
-    std::filesystem::create_directories(directory);
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) FailOn("create", directory);
     return;
   }
   std::string pattern = (std::filesystem::temp_directory_path() / "drive-emulator-XXXXXX").string();

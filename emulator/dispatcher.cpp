@@ -4,6 +4,7 @@
 #include <cctype>
 #include <exception>
 #include <optional>
+#include <utility>
 
 #include "emulator/api_error.h"
 #include "emulator/responder.h"
@@ -86,6 +87,7 @@ struct Dispatcher::Exchange {
   std::optional<Fault> fault;
   bool bodyRead = false;
   bool tokenExpired = false;
+  bool entryEnded = false;
 
   bool FaultIs(const char* kind) const { return fault && fault->kind == kind; }
 };
@@ -113,7 +115,12 @@ void Dispatcher::Handle(Connection& connection, const httplib::Request& request,
   };
   exchange.call.authorise = [this, &exchange] { Authorise(exchange); };
   Run(exchange);
-  parts.journal.End(std::move(exchange.entry));
+  EndEntry(exchange);
+}
+
+// Once: before the client has the whole response, so that whoever has it finds the entry.
+void Dispatcher::EndEntry(Exchange& exchange) {
+  if (!std::exchange(exchange.entryEnded, true)) parts.journal.End(std::move(exchange.entry));
 }
 
 void Dispatcher::Run(Exchange& exchange) {
@@ -221,10 +228,14 @@ void Dispatcher::Respond(Exchange& exchange, Reply reply) {
   }
   const bool last = exchange.request.get_header_value("Connection") == "close";
   exchange.entry.status = reply.status;
+  const int64_t before = exchange.entry.requestBytes;
   Responder responder(exchange.connection, parts.stopper, exchange.fault,
-                      [&](int64_t sent) { Passed(exchange, exchange.entry.requestBytes + sent); });
+                      {[&, before](int64_t sent) {
+                         if (!exchange.entryEnded) exchange.entry.responseBytes = sent;
+                         Passed(exchange, before + sent);
+                       },
+                       [&](int64_t) { EndEntry(exchange); }});
   responder.Send(reply, exchange.request.method == "HEAD", last);
-  exchange.entry.responseBytes = responder.BodyBytes();
 }
 
 }  // namespace emulator

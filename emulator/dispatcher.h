@@ -35,6 +35,7 @@ class Dispatcher {
  private:
   struct Exchange;
   void Run(Exchange& exchange);
+  void EndEntry(Exchange& exchange);
   void StrikeOrAnswer(Exchange& exchange);
   Reply Answer(Exchange& exchange);
   Reply Invoke(Exchange& exchange);

@@ -10,21 +10,27 @@ namespace emulator {
 namespace {
 
 constexpr int64_t kPiece = 256 * 1024;
+constexpr size_t kSurelyBuffered = 32 * 1024;  // what the connection holds back until it is flushed
+constexpr size_t kTail = 256;
 constexpr std::chrono::milliseconds kUsualDrip{100};
 constexpr int64_t kUsualMiscount = 16;
 
 }  // namespace
 
 Responder::Responder(Connection& to, Stopper& stop, const std::optional<Fault>& wireFault,
-                     std::function<void(int64_t)> told)
-    : connection(to), stopper(stop), fault(wireFault), passed(std::move(told)) {}
+                     Told listeners)
+    : connection(to), stopper(stop), fault(wireFault), told(std::move(listeners)) {}
 
 void Responder::Send(const Reply& reply, bool headOnly, bool last) {
   int64_t announced = reply.Length();
   if (FaultIs("double")) announced *= 2;
   if (FaultIs("content-length")) announced += fault->at != 0 ? fault->at : kUsualMiscount;
+  total = reply.Length() * (FaultIs("double") ? 2 : 1);
   SendHead(reply, std::max<int64_t>(announced, 0), last);
-  if (headOnly) return;
+  if (headOnly) {
+    told.beforeEnd(0);
+    return;
+  }
   if (SendBody(reply) && FaultIs("double")) SendBody(reply);
   Finish();
 }
@@ -70,9 +76,13 @@ bool Responder::SendRange(const Reply& reply, int64_t from, int64_t to) {
 bool Responder::SendPiece(const char* data, size_t size) {
   if (size == 0) return !connection.Broken();
   if (FaultIs("drip")) return Drip(data, size);
-  if (!connection.Send(data, size)) return false;
+  // The very last bytes wait in the connection's buffer for Finish.
+  const bool last = sent + static_cast<int64_t>(size) == total;
+  const size_t tail = last && size > kSurelyBuffered ? kTail : 0;
+  if (!connection.Send(data, size - tail)) return false;
+  if (tail > 0 && (!connection.Flush() || !connection.Send(data + size - tail, tail))) return false;
   sent += static_cast<int64_t>(size);
-  passed(sent);
+  told.passed(sent);
   return true;
 }
 
@@ -80,7 +90,7 @@ bool Responder::Drip(const char* data, size_t size) {
   const auto pause = fault->delay.count() > 0 ? fault->delay : kUsualDrip;
   for (size_t i = 0; i < size; ++i) {
     if (!connection.Send(data + i, 1) || !connection.Flush()) return false;
-    passed(++sent);
+    told.passed(++sent);
     if (!stopper.WaitFor(pause)) return false;
   }
   return true;
@@ -100,6 +110,7 @@ bool Responder::AtFault() {
 
 void Responder::Finish() {
   if (connection.Broken()) return;
+  told.beforeEnd(sent);
   connection.Flush();
   if (FaultIs("reset-after")) connection.Reset();
   if (FaultIs("content-length")) connection.Close();

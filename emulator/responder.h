@@ -13,13 +13,14 @@ namespace emulator {
 
 class Responder {
  public:
-  /// `passed` is told how many bytes of the body have been sent so far.
-  Responder(Connection& connection, Stopper& stopper, const std::optional<Fault>& fault,
-            std::function<void(int64_t)> passed);
+  struct Told {
+    std::function<void(int64_t)> passed;     ///< bytes of the body sent so far
+    std::function<void(int64_t)> beforeEnd;  ///< the same; the client does not have the last yet
+  };
+  Responder(Connection& connection, Stopper& stopper, const std::optional<Fault>& fault, Told told);
 
   /// `headOnly`: a HEAD request; `last`: the connection ends after this response.
   void Send(const Reply& reply, bool headOnly, bool last);
-  int64_t BodyBytes() const { return sent; }
 
  private:
   bool FaultIs(const char* kind) const { return fault && fault->kind == kind; }
@@ -34,8 +35,9 @@ class Responder {
   Connection& connection;
   Stopper& stopper;
   const std::optional<Fault>& fault;
-  std::function<void(int64_t)> passed;
+  Told told;
   int64_t sent = 0;
+  int64_t total = 0;  ///< bytes of the body
 };
 
 }  // namespace emulator

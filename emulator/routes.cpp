@@ -69,6 +69,7 @@ const std::vector<Route>& ApiRoutes() {
       {"PUT", kUploads, kContent, UploadContent, "upload_id", false, true},
       {"PUT", kUpload, kContent, UploadContent, "upload_id", false, true},
       {"POST", kUploads, kContent, UploadContent, "upload_id", false, true},
+      {"POST", kUpload, kContent, UploadContent, "upload_id", false, true},
       {"PATCH", kUpload, kContent, UploadContent, "upload_id", false, true},
       {"DELETE", kUploads, "drive.upload.cancel", CancelUpload, "upload_id", false},
       {"DELETE", kUpload, "drive.upload.cancel", CancelUpload, "upload_id", false},

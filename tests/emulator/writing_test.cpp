@@ -155,6 +155,29 @@ TEST_F(Writing, UpdatesReplaceContentUnderTheSameId) {
   EXPECT_EQ(drive->Item(id)["name"], "b.txt");
 }
 
+// What no outside client calls.
+TEST_F(Writing, RarerRoutes) {
+  const std::string id = drive->Put("a.txt", "old");
+  const std::string upload = "/upload/drive/v3/files/" + id + "?uploadType=resumable";
+  const std::string session = Send("PUT", upload, "{}").Header("Location");
+  EXPECT_EQ(Send("PATCH", session, "new").Json()["id"], id);
+  EXPECT_EQ(drive->Content(id), "new");
+  EXPECT_EQ(Send("DELETE", Send("PATCH", upload, "{}").Header("Location")).status, 499);
+  EXPECT_EQ(Send("POST", "/drive/v3/files/" + id + "/watch",
+                 "{\"id\":\"c\",\"type\":\"web_hook\",\"address\":\"https://example.com/h\"}")
+                .status,
+            200);
+  EXPECT_EQ(drive->OpenChannels(), 1);
+  const std::string teams = "/drive/v3/teamdrives";
+  const Json::Value team = Send("POST", teams + "?requestId=1", "{\"name\":\"T\"}").Json();
+  EXPECT_EQ(team["kind"], "drive#teamDrive");
+  const std::string one = teams + "/" + team["id"].asString();
+  EXPECT_EQ(Send("PATCH", one, "{\"name\":\"U\"}").status, 200);
+  EXPECT_EQ(Get(one).Json()["name"], "U");
+  EXPECT_EQ(Send("DELETE", one).status, 204);
+  EXPECT_EQ(Get(one).status, 404);
+}
+
 TEST_F(Writing, QuotaFillsUpAndIsFreedAgain) {
   drive->SetQuota(emulator::kDemoUser, 10);
   const std::string six = drive->Put("six", "123456");
