@@ -4,8 +4,10 @@ import subprocess
 import sys
 
 module, wanted_file = sys.argv[1:]
-output = subprocess.run(["nm", "-D", "--defined-only", "--format=posix", module], check=True,
-                        capture_output=True, text=True).stdout
+# On macOS a module has one table of symbols, elsewhere those for the loader stand apart.
+choice = ["-g", "-U"] if sys.platform == "darwin" else ["-D", "--defined-only"]
+output = subprocess.run(["nm", "-P", *choice, module], check=True, capture_output=True,
+                        text=True).stdout
 exported = {line.split()[0].split("@")[0] for line in output.splitlines()}
 with open(wanted_file, encoding="utf-8") as lines:
     wanted = {line.strip() for line in lines if line.strip()}

@@ -108,9 +108,11 @@ TEST_F(Proxy, CredentialsAndTunnelStayWithTheirProxy) {
 }
 
 TEST_F(Proxy, AnotherProxyReplacesTheOneBeforeAlsoWithoutClear) {
+  Use(proxy, kTunnel, "u", "pw");
   Use(proxy, 2, "u", "pw");  // SOCKS5, never used
   Use(proxy, kUntyped, "u");
   EXPECT_EQ(Get("http://drive.test/").status, 200);
+  EXPECT_EQ(proxy.Only().Line(), "GET http://drive.test/ HTTP/1.1");
   EXPECT_EQ(proxy.Only().Header("Proxy-Authorization"), "Proxy-Authorization: Basic dTo=");
   Use(proxy, 0);
   WireServer origin;

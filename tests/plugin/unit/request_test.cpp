@@ -176,17 +176,20 @@ TEST_F(Request, ClearLeavesNothingOfTheRequestBefore) {
   EXPECT_EQ(server.Connections(), 1);
 }
 
-TEST_F(Request, ARedirectIsFollowedWithTheWholeBodyAgain) {
+TEST_F(Request, EveryRedirectIsFollowedWithTheMethodAndTheWholeBody) {
   const std::string body(100000, 'b');
-  server.Play({Http(307, "elsewhere", "Location: /there\r\n"), Http(200, "done")});
-  const _CURLRTN result = Post("/here", body);
-  EXPECT_EQ(Body(result), "done");
-  EXPECT_THAT(Headers(result), StartsWith("HTTP/1.1 307 Said\r\n"));
-  EXPECT_THAT(Headers(result), EndsWith("HTTP/1.1 200 Said\r\nContent-Length: 4\r\n\r\n"));
-  EXPECT_EQ(result.headers.get()[result.headerLength], '\0');
-  EXPECT_EQ(request.GetEffectiveURL(), server.Origin() + "/there");
-  ASSERT_EQ(server.Requests().size(), 2u);
-  EXPECT_TRUE(server.Requests()[1].body == body);
+  for (const int status : {301, 302, 303, 307, 308}) {
+    server.Play({Http(status, "elsewhere", "Location: /there\r\n"), Http(200, "done")});
+    request.SetRequest("PATCH");
+    const _CURLRTN result = Post("/here", body);
+    EXPECT_EQ(Body(result), "done");
+    EXPECT_THAT(Headers(result), StartsWith("HTTP/1.1 " + std::to_string(status)));
+    EXPECT_THAT(Headers(result), EndsWith("HTTP/1.1 200 Said\r\nContent-Length: 4\r\n\r\n"));
+    EXPECT_EQ(result.headers.get()[result.headerLength], '\0');
+    EXPECT_EQ(request.GetEffectiveURL(), server.Origin() + "/there");
+    EXPECT_EQ(server.Requests().back().Line(), "PATCH /there HTTP/1.1");
+    EXPECT_TRUE(server.Requests().back().body == body) << status;
+  }
 }
 
 TEST_F(Request, ATokenIsNotSentToAnotherServer) {
