@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 #include <vector>
 
 #include "host/cli/commands.h"
@@ -18,6 +19,8 @@ struct ListOptions {
   bool details = false;
   bool recursive = false;
   bool human = false;
+  bool tree = false;
+  int depth = 0;  // folders below which nothing is shown; 0: no limit
 };
 
 std::string Coloured(const Item& item, const Paint& paint) {
@@ -62,6 +65,17 @@ void PrintBelow(const Branch& branch, const DrivePath& path, const ListOptions& 
     if (IsFolder(child.item)) PrintBelow(child, path.Child(child.item.name), options, false);
 }
 
+/// The items as a drawing, each level further in.
+void DrawTree(const std::vector<Branch>& items, const std::string& indentation, const Paint& paint,
+              std::string& text) {
+  for (size_t i = 0; i < items.size(); ++i) {
+    const bool last = i + 1 == items.size();
+    text +=
+        paint.Faint(indentation + (last ? "└── " : "├── ")) + Coloured(items[i].item, paint) + "\n";
+    DrawTree(items[i].children, indentation + (last ? "    " : "│   "), paint, text);
+  }
+}
+
 Json::Value ArrayJson(const std::vector<Branch>& items, bool recursive) {
   Json::Value array(Json::arrayValue);
   for (const Branch& branch : items)
@@ -87,12 +101,13 @@ struct Listing {
   bool isFolder = false;
 };
 
-Listing List(DriveTree& tree, const DrivePath& path, bool recursive) {
+Listing List(DriveTree& tree, const DrivePath& path, const ListOptions& options) {
   const bool pattern = !path.names.empty() && IsPattern(path.names.back());
   const auto exact = pattern ? tree.FindIfThere(path) : tree.Find(path);
   if (!exact) return {Matching(tree, path), false};
   if (!IsFolder(*exact)) return {{{*exact, {}}}, false};
-  if (recursive) return {tree.Walk(*exact, path).children, true};
+  const int depth = options.depth > 0 ? options.depth : std::numeric_limits<int>::max();
+  if (options.recursive) return {tree.Walk(*exact, path, depth).children, true};
   Listing listing{{}, true};
   for (Item& item : tree.Children(*exact, path)) listing.items.push_back({std::move(item), {}});
   return listing;
@@ -101,9 +116,14 @@ Listing List(DriveTree& tree, const DrivePath& path, bool recursive) {
 void RunList(Context& context, const ListOptions& options) {
   DriveTree tree(context.Connected());
   const DrivePath path = DrivePath::Parse(options.path);
-  const Listing listing = List(tree, path, options.recursive);
+  const Listing listing = List(tree, path, options);
   if (context.json) {
     Print(PrettyJson(ArrayJson(listing.items, options.recursive)));
+  } else if (options.tree && listing.isFolder) {
+    const Paint paint(STDOUT_FILENO);
+    std::string text = paint.Bold(Printable(path.Text())) + "\n";
+    DrawTree(listing.items, "", paint, text);
+    Print(text);
   } else if (options.recursive && listing.isFolder) {
     PrintBelow({Item(), listing.items}, path, options, true);
   } else {
@@ -149,7 +169,14 @@ void AddBrowseCommands(CLI::App& app, Context& context) {
   list->add_flag("-l,--long", options->details, "With kind, size and time");
   list->add_flag("-R,--recursive", options->recursive, "Everything below as well");
   list->add_flag("--human", options->human, "Sizes in KiB, MiB, ...");
-  list->callback([&context, options] { RunList(context, *options); });
+  list->add_flag("--tree", options->tree, "Everything below as well, drawn as a tree");
+  list->add_option("--depth", options->depth, "Go down that many folders only (-R, --tree)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
+  list->callback([&context, options] {
+    options->recursive = options->recursive || options->tree;
+    RunList(context, *options);
+  });
 
   CLI::App* stat = app.add_subcommand("stat", "Show one item's record");
   auto path = std::make_shared<std::string>();

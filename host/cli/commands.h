@@ -12,6 +12,7 @@ void AddWriteCommands(CLI::App& app, Context& context);     ///< put, mkdir, mv,
 void AddWatchCommand(CLI::App& app, Context& context);      ///< watch
 void AddLoginCommands(CLI::App& app, Context& context);     ///< login, logout
 void AddSettingsCommands(CLI::App& app, Context& context);  ///< options, profile
+void AddDemoCommand(CLI::App& app, Context& context);       ///< demo
 
 /// Everything above and the shared options.
 void AddCommands(CLI::App& app, Context& context);

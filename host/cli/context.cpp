@@ -53,6 +53,7 @@ void AddCommands(CLI::App& app, Context& context) {
   AddAccountCommands(app, context);
   AddLoginCommands(app, context);
   AddSettingsCommands(app, context);
+  AddDemoCommand(app, context);
 }
 
 }  // namespace host

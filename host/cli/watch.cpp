@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -21,6 +22,7 @@ namespace {
 struct WatchOptions {
   int interval = 15;  // seconds between polls
   int count = 0;      // changes after which to end; 0: never
+  int seconds = 0;    // time after which to end; 0: never
   bool once = false;
   bool push = true;
 };
@@ -84,11 +86,13 @@ void Follow(Context& context, const WatchOptions& options, ChangedFolders& chang
   if (IsTerminal(STDERR_FILENO) && !options.once)
     std::fprintf(stderr, "watching, polling every %d s%s; Ctrl-C ends it\n", options.interval,
                  pushed ? " and by push" : "");
+  const int64_t end = options.seconds > 0 ? NowMilliseconds() + options.seconds * int64_t{1000}
+                                          : std::numeric_limits<int64_t>::max();
   int printed = 0;
-  do {
+  while (!InterruptWatch::Interrupted() && NowMilliseconds() < end) {
     session.Drive().GetChanges(&sink, nullptr);
     // Pushed changes come between two polls and are shown without another one.
-    const int64_t next = NowMilliseconds() + options.interval * int64_t{1000};
+    const int64_t next = std::min(end, NowMilliseconds() + options.interval * int64_t{1000});
     do {
       for (const std::string& id : changed.Take()) {
         PrintChange(context, id, finder.PathOf(id));
@@ -97,7 +101,7 @@ void Follow(Context& context, const WatchOptions& options, ChangedFolders& chang
       if (options.once) return;
       InterruptWatch::WaitFor(static_cast<int>(std::max<int64_t>(next - NowMilliseconds(), 0)));
     } while (!InterruptWatch::Interrupted() && NowMilliseconds() < next);
-  } while (!InterruptWatch::Interrupted());
+  }
 }
 
 void RunWatch(Context& context, const WatchOptions& options) {
@@ -123,6 +127,9 @@ void AddWatchCommand(CLI::App& app, Context& context) {
       ->capture_default_str();
   watch->add_option("--count", options->count, "End after that many changes")
       ->check(CLI::NonNegativeNumber);
+  watch->add_option("--for", options->seconds, "End after that time")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1, 86400));
   watch->add_flag("--once", options->once, "Poll once and end");
   watch->add_flag("!--no-push", options->push, "Poll only, even with a push service");
   watch->callback([&context, options] { RunWatch(context, *options); });

@@ -228,11 +228,11 @@ std::vector<Item> DriveTree::Children(const Item& folder, const DrivePath& path)
   return items;
 }
 
-Branch DriveTree::Walk(const Item& top, const DrivePath& path) {
+Branch DriveTree::Walk(const Item& top, const DrivePath& path, int depth) {
   Branch root{top, {}};
   std::vector<Pending> level;
   if (IsFolder(top)) level.push_back({&root, path, {top.id}});
-  while (!level.empty()) {
+  for (; !level.empty() && depth > 0; --depth) {
     ForEachAtOnce(level, kListingsAtOnce, [&](const Pending& pending) {
       for (Item& item : Children(pending.branch->item, pending.path))
         pending.branch->children.push_back({std::move(item), {}});

@@ -6,6 +6,7 @@
 // Nothing is remembered between calls; operations may be called from several threads at once.
 #pragma once
 
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -50,8 +51,8 @@ class DriveTree {
 
   /// The children of a folder by name, then id. `path` is for messages. Throws Failure.
   std::vector<Item> Children(const Item& folder, const DrivePath& path);
-  /// Everything below an item, folders listed several at once.
-  Branch Walk(const Item& top, const DrivePath& path);
+  /// Everything below an item, `depth` folders deep, folders listed several at once.
+  Branch Walk(const Item& top, const DrivePath& path, int depth = std::numeric_limits<int>::max());
 
  private:
   Item Start(const DrivePath& path);

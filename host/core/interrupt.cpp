@@ -20,6 +20,7 @@ std::atomic<bool> noted{false};
 std::atomic<std::atomic<int32_t>*> abandoned{nullptr};
 std::atomic<int> wakeWriter{-1};
 int wakeReader = -1;
+int watches = 0;
 
 void Note(int) {
   const int savedErrno = errno;
@@ -50,7 +51,9 @@ void OpenPipeOnce() {
 
 InterruptWatch::InterruptWatch(std::shared_ptr<_FS_HANDLE> openFile) : handle(std::move(openFile)) {
   OpenPipeOnce();
-  noted = false;
+  // What an outer watch has noted stays noted.
+  if (watches++ == 0) noted = false;
+  if (noted && handle) handle->status = 3;
   abandoned = handle ? &handle->status : nullptr;
   struct sigaction action {};
   action.sa_handler = Note;
@@ -61,6 +64,7 @@ InterruptWatch::InterruptWatch(std::shared_ptr<_FS_HANDLE> openFile) : handle(st
 InterruptWatch::~InterruptWatch() {
   for (size_t i = 0; i < kSignals.size(); ++i) sigaction(kSignals[i], &before[i], nullptr);
   abandoned = nullptr;
+  --watches;
   Drain();
 }
 

@@ -1,8 +1,8 @@
 // Ctrl-C (and a request to end) while something is in the making.
 //
 // While a watch lives, the first SIGINT, SIGTERM or SIGHUP is noted instead of ending the process,
-// so that what was begun is taken back in order; a second one ends the process at once. One watch
-// at a time.
+// so that what was begun is taken back in order; a second one ends the process at once. Watches may
+// be nested; they belong to one thread.
 #pragma once
 
 #include <signal.h>
