@@ -221,7 +221,7 @@ TEST_F(Request, BodiesArriveDecodedAndWhole) {
 }
 
 TEST_F(Request, ACallersWriteFunctionGetsTheBodyAndNothingElse) {
-  Get("/with headers in the body");
+  Get("/headers-in-the-body");
   server.Play({Http(302, "moved", "Location: /real\r\n"), Http(404, "not here")});
   std::string written;
   request.SetURL((server.Origin() + "/").c_str());

@@ -11,12 +11,26 @@
 
 namespace {
 
+sockaddr_in Loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+/// Ends a pending accept: shutting the listener down would do so on Linux only.
+void Knock(int port) {
+  const sockaddr_in address = Loopback(port);
+  const int made = socket(AF_INET, SOCK_STREAM, 0);
+  (void)connect(made, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  close(made);
+}
+
 /// A stream socket bound to a free port of loopback.
 int Bound(int* port) {
   const int made = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = Loopback(0);
   socklen_t length = sizeof(address);
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   if (made < 0 || bind(made, generic, length) != 0 || getsockname(made, generic, &length) != 0) {
@@ -74,7 +88,7 @@ WireServer::~WireServer() {
     for (const int socket : sockets) shutdown(socket, SHUT_RDWR);
   }
   stopped.notify_all();
-  shutdown(listener, SHUT_RDWR);
+  Knock(port);
   acceptor.join();
   for (std::thread& server : servers) server.join();
   close(listener);
