@@ -116,9 +116,11 @@ SqlCondition After(const std::vector<SortKey>& keys, const std::vector<SqlValue>
     same += keys[i].expression + " = ? AND ";
     sameValues.push_back(last[i]);
   }
-  // With a single key the plain comparison lets the database start at the right place.
-  if (keys.size() == 1) condition.text = keys[0].expression + " > ?";
-  condition.text = "(" + condition.text + ")";
+  // Implied by the rest, but it lets the database start at the right place of an index.
+  const SortKey& first = keys.front();
+  condition.text =
+      first.expression + (first.descending ? " <= ?" : " >= ?") + " AND (" + condition.text + ")";
+  condition.values.insert(condition.values.begin(), last.front());
   return condition;
 }
 

@@ -80,10 +80,28 @@ class PushHub::Loop {
     hub->onDisconnection([this](Socket* socket, int, char*, size_t) { Disconnected(socket); });
     async = new uS::Async(hub->getLoop());  // deletes itself when it is closed
     async->setData(this);
-    async->start([](uS::Async* woken) { static_cast<Loop*>(woken->getData())->RunJobs(); });
+    async->start([](uS::Async* woken) { static_cast<Loop*>(woken->getData())->RunJobsSoon(); });
     ready.set_value();
     hub->run();
     hub.reset();
+  }
+
+  /// A job may close sockets. From the wake-up itself that would be closing them under the events
+  /// that the loop has fetched together with it and not looked at yet.
+  void RunJobsSoon() {
+    if (scheduled) return;
+    scheduled = true;
+    auto* timer = new uS::Timer(hub->getLoop());  // deletes itself when it is closed
+    timer->setData(this);
+    timer->start(
+        [](uS::Timer* due) {
+          auto* loop = static_cast<Loop*>(due->getData());
+          due->stop();
+          due->close();
+          loop->scheduled = false;
+          loop->RunJobs();
+        },
+        0, 0);
   }
 
   void RunJobs() {
@@ -113,6 +131,7 @@ class PushHub::Loop {
   std::mutex mutex;  ///< guards `jobs`
   std::deque<std::function<void()>> jobs;
   // Of the loop's thread:
+  bool scheduled = false;  ///< a timer is on its way to run the jobs
   std::unique_ptr<uWS::Hub> hub;
   uS::Async* async = nullptr;
   const Arrival* arriving = nullptr;

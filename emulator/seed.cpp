@@ -1,7 +1,9 @@
 #include "emulator/seed.h"
 
+#include <algorithm>
 #include <charconv>
 #include <stdexcept>
+#include <vector>
 
 #include "emulator/drive_emulator.h"
 #include "emulator/ids.h"
@@ -123,12 +125,19 @@ void FillNumber(Store& store, int64_t files) {
   Vocabulary say(store);
   say.FreezeTime(kSeedTime);
   const Item root = say.ItemOf(say.UserOf(kDemoUser).rootId);
+  std::vector<Item> folders;
   for (int64_t made = 0; made < files; made += kFilesInFolder) {
-    const Item folder = say.ItemOf(
-        say.PutUnder(root.id, "folder " + std::to_string(made / kFilesInFolder), "", kFolderType));
-    store.AddMany(folder, std::min(kFilesInFolder, files - made), "file-",
-                  static_cast<uint64_t>(made));
+    folders.push_back(say.ItemOf(
+        say.PutUnder(root.id, "folder " + std::to_string(folders.size()), "", kFolderType)));
   }
+  store.Fill([&] {
+    int64_t made = 0;
+    for (const Item& folder : folders) {
+      const int64_t count = std::min(kFilesInFolder, files - made);
+      store.AddMany(folder, count, "file-", static_cast<uint64_t>(made));
+      made += count;
+    }
+  });
 }
 
 }  // namespace

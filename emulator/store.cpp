@@ -33,6 +33,7 @@ Store::Store(const std::string& file, ContentStore& contentStore)
       "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA temp_store=MEMORY;"
       "PRAGMA cache_size=-200000;");
   database.Script(kSchema);
+  database.Script(kMakeItemIndexes);
 }
 
 Store::Work::Work(Store& owner)
@@ -53,6 +54,13 @@ Store::Work::~Work() noexcept(false) {
   if (store.listener && (!news.users.empty() || !news.items.empty())) {
     store.listener(news);
   }
+}
+
+void Store::Fill(const std::function<void()>& fill) {
+  const auto work = Begin();
+  database.Script(kDropItemIndexes);
+  fill();
+  database.Script(kMakeItemIndexes);
 }
 
 User Store::AddUser(const std::string& email, const std::string& name, const std::string& rootId) {

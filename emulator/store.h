@@ -94,6 +94,8 @@ class Store {
   /// `count` empty files "PREFIX0", ... below `parent`, without change-log entries. Ids are derived
   /// from `key`.
   void AddMany(const Item& parent, int64_t count, const std::string& prefix, uint64_t key);
+  /// Calls `fill`, in which AddMany alone may be called, and goes fast where very many are added.
+  void Fill(const std::function<void()>& fill);
   /// Stores changed members (name, type, times, starred, extra) and logs the change.
   void Save(Item& item);
   /// Replaces the content by a blob that this item now owns a share of.

@@ -12,14 +12,13 @@ CREATE TABLE IF NOT EXISTS users(
   quota INTEGER NOT NULL, used INTEGER NOT NULL DEFAULT 0, root INTEGER NOT NULL DEFAULT 0,
   rootId TEXT NOT NULL DEFAULT '', permission TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS items(
-  n INTEGER PRIMARY KEY, id TEXT NOT NULL UNIQUE, name TEXT NOT NULL, mime TEXT NOT NULL,
+  n INTEGER PRIMARY KEY, id TEXT NOT NULL, name TEXT NOT NULL, mime TEXT NOT NULL,
   owner INTEGER NOT NULL, drive INTEGER NOT NULL, parents TEXT NOT NULL,
   created INTEGER NOT NULL, modified INTEGER NOT NULL, modifier INTEGER NOT NULL,
   size INTEGER NOT NULL, blob INTEGER NOT NULL, md5 TEXT NOT NULL,
   version INTEGER NOT NULL, contentVersion INTEGER NOT NULL,
   trashed INTEGER NOT NULL, trashedTime INTEGER NOT NULL, starred INTEGER NOT NULL,
   shared INTEGER NOT NULL, root INTEGER NOT NULL, extra TEXT NOT NULL);
-CREATE INDEX IF NOT EXISTS itemsByName ON items(name);
 CREATE INDEX IF NOT EXISTS itemsInTrash ON items(n) WHERE trashed <> 0;
 CREATE TABLE IF NOT EXISTS edges(
   parent INTEGER NOT NULL, child INTEGER NOT NULL, PRIMARY KEY(parent, child)) WITHOUT ROWID;
@@ -47,5 +46,14 @@ CREATE TABLE IF NOT EXISTS channels(
   messages INTEGER NOT NULL DEFAULT 0) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
 )sql";
+
+// Apart, because filling a table of a million rows goes several times as fast without them.
+inline constexpr char kMakeItemIndexes[] = R"sql(
+CREATE UNIQUE INDEX IF NOT EXISTS itemsById ON items(id);
+CREATE INDEX IF NOT EXISTS itemsByName ON items(name);
+CREATE INDEX IF NOT EXISTS itemsByTime ON items(modified DESC);
+)sql";
+inline constexpr char kDropItemIndexes[] =
+    "DROP INDEX itemsById; DROP INDEX itemsByName; DROP INDEX itemsByTime;";
 
 }  // namespace emulator
