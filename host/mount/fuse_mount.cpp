@@ -64,9 +64,10 @@ struct LoopFree {
 
 bool PrepareMountPoint(const fs::path& folder) {
   struct stat status {};
-  bool stale = false;
-  if (stat(folder.c_str(), &status) != 0 && errno == ENOTCONN) {
-    stale = true;
+  // The kernel may still remember a dead mount's attributes, but not its room.
+  struct statvfs room {};
+  const bool stale = statvfs(folder.c_str(), &room) != 0 && errno == ENOTCONN;
+  if (stale) {
     if (umount2(folder.c_str(), MNT_DETACH) != 0 && !RunFusermount(folder))
       Refuse(folder, "a mount that was left there cannot be taken away",
              "run `fusermount3 -uz` on it");

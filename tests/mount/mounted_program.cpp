@@ -1,0 +1,137 @@
+#include "tests/mount/mounted_program.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "host/core/credential_store.h"
+#include "host/core/profile_store.h"
+
+namespace host::mount {
+namespace fs = std::filesystem;
+
+std::string WhyNoMount() {
+  if (access("/dev/fuse", R_OK | W_OK) != 0) return "/dev/fuse cannot be used here";
+  return geteuid() == 0 ? "" : "taking dead mounts away needs root";
+}
+
+std::vector<std::string> QuickOptions() {
+  return {"--poll", "3600",     "--no-push", "--upload-delay", "0.01", "--retry",
+          "0.02",   "--settle", "0.05"};
+}
+
+MountedProgram::MountedProgram(emulator::DriveEmulator& service) {
+  fs::create_directory(folder);
+  ProfilePaths paths;
+  paths.name = "default";
+  paths.config = directory.Path() / "config/vormlane/default";
+  paths.data = directory.Path() / "data/vormlane/default";
+  ProfileStore profile(paths);
+  profile.SetValue(profile.Id(), "drive_api_url", service.ApiUrl());
+  profile.SetValue(profile.Id(), "user_token", service.PushUserToken());
+  profile.SetValue(profile.Id(), "api_server_url", service.PushApiUrl());
+  profile.SetValue(profile.Id(), "push_server_url", service.PushUrl());
+  profile.SetValue(profile.Id(), "drive_id", "drive");
+  profile.SetValue(profile.Id(), "device_id", "device");
+  Credential credential;
+  credential.accessToken = service.AccessToken();
+  CredentialStore(paths.Credential(), nullptr).Save(credential);
+}
+
+MountedProgram::~MountedProgram() {
+  Kill();
+  Detach();
+}
+
+pid_t MountedProgram::Spawn(const std::vector<std::string>& arguments, int output) const {
+  std::vector<std::string> words = {VORMLANE_PROGRAM};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  const std::string base = directory.Path().string();
+  std::vector<std::string> settings = {"XDG_CONFIG_HOME=" + base + "/config",
+                                       "XDG_DATA_HOME=" + base + "/data",
+                                       "XDG_CACHE_HOME=" + base + "/cache",
+                                       "XDG_RUNTIME_DIR=" + base + "/run",
+                                       "HOME=" + base,
+                                       "PATH=" + std::string(getenv("PATH")),
+                                       "ASAN_OPTIONS=detect_leaks=0"};
+  std::vector<char*> environment;
+  for (std::string& setting : settings) environment.push_back(setting.data());
+  environment.push_back(nullptr);
+  const pid_t child = fork();
+  if (child != 0) return child;
+  if (output >= 0) {
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+  }
+  execve(VORMLANE_PROGRAM, argv.data(), environment.data());
+  _exit(127);
+}
+
+bool MountedProgram::IsMounted() const {
+  struct stat inside {};
+  struct stat above {};
+  struct statvfs room {};
+  if (statvfs(folder.c_str(), &room) != 0)
+    return false;  // a dead mount's attributes are remembered
+  return stat(folder.c_str(), &inside) == 0 && stat(folder.parent_path().c_str(), &above) == 0 &&
+         inside.st_dev != above.st_dev;
+}
+
+bool MountedProgram::Mount(const std::vector<std::string>& options) {
+  std::vector<std::string> arguments = {"mount", folder.string(), "--foreground"};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  process = Spawn(arguments, -1);
+  for (int i = 0; i < 3000; ++i) {
+    if (IsMounted()) return true;
+    int status = 0;
+    if (waitpid(process, &status, WNOHANG) == process) {
+      process = -1;
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+void MountedProgram::Kill() {
+  if (process < 0) return;
+  kill(process, SIGKILL);
+  waitpid(process, nullptr, 0);
+  process = -1;
+}
+
+void MountedProgram::Detach() { umount2(folder.c_str(), MNT_DETACH); }
+
+bool MountedProgram::Unmount() {
+  const bool asked = Run({"unmount"}) == 0;
+  int status = 0;
+  if (process >= 0) waitpid(process, &status, 0);
+  process = -1;
+  return asked && WIFEXITED(status) && WEXITSTATUS(status) == 0 && !IsMounted();
+}
+
+int MountedProgram::Run(const std::vector<std::string>& arguments, std::string* output) const {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+  const pid_t child = Spawn(arguments, ends[1]);
+  close(ends[1]);
+  char buffer[4096];
+  for (ssize_t count; (count = read(ends[0], buffer, sizeof buffer)) > 0;)
+    if (output != nullptr) output->append(buffer, static_cast<size_t>(count));
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace host::mount
