@@ -52,6 +52,16 @@ TEST_F(Proxy, PlainProxyIsAskedForTheWholeUrl) {
   EXPECT_EQ(proxy.Only().Header("Proxy-Authorization"), "");
 }
 
+TEST_F(Proxy, ABodyIsSentAgainOnceTheProxyKnowsTheUser) {
+  const std::string body(200000, 'b');
+  proxy.Play({Http(407, "who are you", kChallenge)});
+  Use(proxy, kPlain, "u", "pw");
+  request.SetURL("http://drive.test/files");
+  EXPECT_EQ(request.PerformPost(body).status, 200);
+  EXPECT_EQ(proxy.Requests().back().Header("Proxy-Authorization"), kCredentials);
+  EXPECT_TRUE(proxy.Requests().back().body == body);
+}
+
 TEST_F(Proxy, TunnelAuthenticatesToTheProxyOnly) {
   proxy.Play({Http(407, "no", kChallenge),
               {"HTTP/1.1 200 Go\r\nX-Proxy: 1\r\n\r\n"},
