@@ -159,7 +159,8 @@ Reply Dispatcher::Invoke(Exchange& exchange) {
   const Route* route = exchange.route;
   const bool answersItself = exchange.FaultIs("status") || exchange.FaultIs("redirect");
   if (route == nullptr || !route->streams || answersItself) {
-    ReadBody(exchange, [&call](const char* data, size_t size) {
+    ReadBody(exchange, [&call, answersItself](const char* data, size_t size) {
+      if (answersItself) return true;
       call.body.append(data, size);
       return call.body.size() <= kLargestBody;
     });

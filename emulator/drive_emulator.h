@@ -87,7 +87,7 @@ struct JournalEntry {
   double startSeconds = 0;                      ///< since the Unix epoch
   double seconds = 0;
   std::map<std::string, std::string> headers;  ///< of the request, lower-case names
-  std::string requestBody;                     ///< its first 64 KiB
+  std::string requestBody;  ///< its first 64 KiB; old ones are dropped beyond 32 MiB in sum
 };
 
 /// What the push service does with a new WebSocket connection.

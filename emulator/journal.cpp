@@ -10,6 +10,8 @@ namespace emulator {
 namespace {
 
 constexpr size_t kMostEntries = 100'000;
+// Of all bodies together; the oldest are dropped first.
+constexpr size_t kMostBodyBytes = 32 << 20;
 
 double Now() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -46,8 +48,16 @@ void RequestJournal::End(JournalEntry entry) {
   entry.seconds = Now() - entry.startSeconds;
   const std::lock_guard lock(mutex);
   if (echoing) Print(entry);
+  bodyBytes += entry.requestBody.size();
   ended.push_back(std::move(entry));
-  if (ended.size() > kMostEntries) ended.pop_front();
+  for (; bodyBytes > kMostBodyBytes; ++withoutBody) {
+    bodyBytes -= ended[withoutBody].requestBody.size();
+    std::string().swap(ended[withoutBody].requestBody);
+  }
+  if (ended.size() <= kMostEntries) return;
+  bodyBytes -= ended.front().requestBody.size();
+  ended.pop_front();
+  if (withoutBody > 0) --withoutBody;
 }
 
 int RequestJournal::Count(const std::string& method) const {
@@ -75,6 +85,7 @@ void RequestJournal::Clear() {
   counts.clear();
   connections.clear();
   ended.clear();
+  bodyBytes = withoutBody = 0;
 }
 
 }  // namespace emulator

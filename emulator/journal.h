@@ -35,6 +35,8 @@ class RequestJournal {
   std::map<std::string, int> counts;
   std::set<uint64_t> connections;
   std::deque<JournalEntry> ended;
+  size_t bodyBytes = 0;    ///< of the entries that still have their bodies
+  size_t withoutBody = 0;  ///< how many entries at the front have lost theirs
 };
 
 }  // namespace emulator

@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -33,9 +34,14 @@ void Describe(CLI::App& app, Arguments& arguments) {
 
 void Apply(Arguments& arguments) {
   const size_t colon = arguments.listen.rfind(':');
-  if (colon == std::string::npos) throw CLI::ValidationError("--listen", "must be HOST:PORT");
+  const std::string port = colon == std::string::npos ? "" : arguments.listen.substr(colon + 1);
+  auto& number = arguments.options.port;
+  const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), number);
+  if (colon == 0 || error != std::errc() || end != port.data() + port.size() || number < 0 ||
+      number > 65535) {
+    throw CLI::ValidationError("--listen", "must be HOST:PORT, not " + arguments.listen);
+  }
   arguments.options.host = arguments.listen.substr(0, colon);
-  arguments.options.port = std::stoi(arguments.listen.substr(colon + 1));
   arguments.options.roundTrip = std::chrono::milliseconds(arguments.roundTrip);
 }
 
