@@ -41,6 +41,8 @@ if(VORMLANE_LIBUV)
 endif()
 # Not our code: its warnings are not ours to fix.
 target_compile_options(uws PRIVATE -w)
+# It copies nothing from nowhere, which the undefined-behaviour sanitizer objects to.
+target_compile_options(uws PRIVATE -fno-sanitize=undefined)
 # It deletes its polls through a base class without a virtual destructor, so the size that a sized
 # deallocation would pass is not the size that was allocated.
 target_compile_options(uws PUBLIC $<$<COMPILE_LANGUAGE:CXX>:-fno-sized-deallocation>)
