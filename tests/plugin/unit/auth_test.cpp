@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
 #include <thread>
 #include <vector>
 
@@ -56,24 +57,27 @@ TEST(Authorisation, ARequestNeverCarriesHalfAToken) {
   const std::string tokens[] = {std::string(300, 'a'), std::string(300, 'b')};
   JsonObject first(("{\"results\":{\"access_token\":\"" + tokens[0] + "\"}}").c_str());
   CURLAuth auth(first);
-  std::atomic<int> signing{4};
+  std::latch start(5);
+  std::atomic<bool> done{false};
   std::atomic<int> torn{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       CURLImpl request;
-      for (int n = 0; n < 300; ++n) {
+      start.arrive_and_wait();
+      do {
         auth.SignAuthentication(request);
         const std::string sent = request.GetHeader().at("Authorization");
         if (sent != "Bearer " + tokens[0] && sent != "Bearer " + tokens[1]) ++torn;
-      }
-      --signing;
+      } while (!done);
     });
   }
-  for (int n = 0; signing > 0; ++n) {
+  start.arrive_and_wait();
+  for (int n = 0; n < 300; ++n) {
     JsonObject next(("{\"results\":{\"access_token\":\"" + tokens[n % 2] + "\"}}").c_str());
     auth.SetAuth(next);
   }
+  done = true;
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(torn, 0);
 }
