@@ -88,19 +88,18 @@ TEST_P(FaultMatrixTest, RefusalsHaveTheirCodes) {
 }
 
 TEST_P(FaultMatrixTest, ATokenThatIsNotRenewedEndsTheOperation) {
-  const AERROR answer = Run();
   authoriser.onRenew = nullptr;
   service.FailNext(GetParam().method, 401);
-  const AERROR code = Run();
-  // The handler's refusal is the request's outcome, whatever refusals are mapped to.
-  const AERROR failed = GetParam().broken;
-  EXPECT_EQ(code, failed);
+  EXPECT_EQ(Run(), GetParam().broken) << "the same as when there is no answer";
   EXPECT_EQ(authoriser.renewals, 1);
-  EXPECT_EQ(answer, AERROR::SUCCESS);
+  EXPECT_EQ(Run(), AERROR::SUCCESS);
 }
 
 TEST_P(FaultMatrixTest, BrokenTransfersHaveTheirCode) {
-  for (const char* kind : {"reset-before", "applied-not-answered", "truncate"}) {
+  std::vector<const char*> kinds{"reset-before", "applied-not-answered"};
+  // The answer that opens an upload has no body to break off in.
+  if (std::string(GetParam().method) != "drive.upload.start") kinds.push_back("truncate");
+  for (const char* kind : kinds) {
     Fault(GetParam().method, kind, 1, 2);  // libcurl may try once more on a fresh connection
     EXPECT_EQ(Run(), GetParam().broken) << kind;
     service.ClearFaults();
