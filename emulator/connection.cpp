@@ -146,10 +146,8 @@ void Connection::Close() {
 }
 
 int Connection::Release() {
-  const int released = fd;
-  fd = -1;
   broken = true;
-  return released;
+  return fd.exchange(-1);
 }
 
 void Connection::Interrupt() { ::shutdown(fd, SHUT_RDWR); }

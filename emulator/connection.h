@@ -4,6 +4,7 @@
 #include <httplib.h>
 #include <openssl/ssl.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -64,7 +65,7 @@ class Connection : public httplib::Stream {
   ssize_t Transmit(const char* data, size_t size);
   bool TransmitAll(const char* data, size_t size);
 
-  int fd;
+  std::atomic<int> fd;  ///< for Interrupt; -1 once it was handed over
   uint64_t number;
   Shaping* shaping;
   SslHandle ssl;
