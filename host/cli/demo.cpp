@@ -80,8 +80,8 @@ void ShowReading(Tour& tour, const std::filesystem::path& directory) {
   tour.Type({"ls", "-l", "/My Drive/Google documents"});
   tour.Say("A document has no bytes; it is shown as a file that leads to the web.");
   tour.Type({"cat", "/My Drive/Google documents/Report.Google Docs.webloc"});
-  tour.Say("A file's bytes, 24 of them from the eleventh on, then a large file whole.");
-  tour.Type({"cat", "--offset", "10", "--length", "24", "/My Drive/Welcome.txt"});
+  tour.Say("Some of a file's bytes, then a large file whole.");
+  tour.Type({"cat", "--offset", "11", "--length", "18", "/My Drive/Welcome.txt"});
   Print("\n");
   tour.Type({"get", "/My Drive/Videos/recording.mp4", directory.string()});
 }

@@ -103,7 +103,7 @@ RedirectListener::RedirectListener(const std::string& state)
 RedirectListener::~RedirectListener() = default;
 
 std::string RedirectListener::Address() const {
-  return std::string("http://") + kHost + ":" + std::to_string(server->Port());
+  return std::string("http://") + kHost + ":" + std::to_string(server->Port()) + "/";
 }
 
 std::optional<std::string> RedirectListener::Wait(std::chrono::milliseconds longest) {

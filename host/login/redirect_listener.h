@@ -16,7 +16,7 @@ class RedirectListener {
   explicit RedirectListener(const std::string& state);
   ~RedirectListener();
 
-  /// "http://127.0.0.1:PORT"
+  /// "http://127.0.0.1:PORT/"
   std::string Address() const;
 
   /// The authorisation code; nothing when `milliseconds` passed or a signal was noted (see

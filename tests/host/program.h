@@ -30,6 +30,8 @@ class Process {
   bool IsRunning() const;
   /// Reads its output until `text` stands in it; false when it ends before that.
   bool WaitForOutput(const std::string& text);
+  /// What it has written so far and was read.
+  const std::string& Output() const { return outcome.out; }
   /// Reads its output to the end and waits for it.
   Outcome Finish();
 
