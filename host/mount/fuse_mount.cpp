@@ -1,5 +1,6 @@
 #include "host/mount/fuse_mount.h"
 
+#include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -112,20 +113,30 @@ FuseMount::~FuseMount() {
   teller.join();
 }
 
-void FuseMount::Serve(bool signals) {
-  if (signals) fuse_set_signal_handlers(session.get());
+void FuseMount::Serve() {
+  fuse_set_signal_handlers(session.get());
+  {
+    std::lock_guard lock(mutex);
+    server = pthread_self();
+    serving = true;
+  }
   const std::unique_ptr<fuse_loop_config, LoopFree> config(fuse_loop_cfg_create());
   fuse_loop_cfg_set_max_threads(config.get(), kThreads);
   fuse_loop_cfg_set_idle_threads(config.get(), kIdleThreads);
   fuse_session_loop_mt(session.get(), config.get());
-  if (signals) fuse_remove_signal_handlers(session.get());
+  {
+    std::lock_guard lock(mutex);
+    serving = false;
+  }
+  fuse_remove_signal_handlers(session.get());
 }
 
 void FuseMount::End() {
   fuse_session_exit(session.get());
-  // A request, and one that the kernel never answers itself, wakes the thread that waits for one.
-  struct statvfs ignored {};
-  statvfs(folder.c_str(), &ignored);
+  // Asking the own mount for something would wake the loop too, and wait for itself for ever when
+  // nobody serves any more.
+  std::lock_guard lock(mutex);
+  if (serving) pthread_kill(server, SIGTERM);
 }
 
 void FuseMount::Changed(const Notices& notices) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <fuse_lowlevel.h>
+#include <pthread.h>
 
 #include <condition_variable>
 #include <deque>
@@ -28,9 +29,8 @@ class FuseMount final : private Observer {
   FuseMount(const FuseMount&) = delete;
   FuseMount& operator=(const FuseMount&) = delete;
 
-  /// Serves programs until the folder is unmounted, End is called, or (with `signals`) the process
-  /// is told to end.
-  void Serve(bool signals);
+  /// Serves programs until the folder is unmounted, End is called, or the process is told to end.
+  void Serve();
   /// Any thread.
   void End();
 
@@ -51,6 +51,8 @@ class FuseMount final : private Observer {
   std::condition_variable wake;
   std::deque<Notice> waiting;
   bool ending = false;
+  bool serving = false;
+  pthread_t server{};
   std::thread teller;  // the kernel may answer a notice by asking us: never from its own threads
 };
 

@@ -5,7 +5,8 @@ namespace {
 
 constexpr char kColumns[] =
     "ino, content, generation, editing, times, hasBase, baseTime, baseSize, after, attempted, "
-    "attemptParent, attemptName, attemptHash, attemptSize, attemptGeneration, since, tries, error";
+    "attemptParent, attemptName, attemptHash, attemptSize, attemptGeneration, since, tries, error, "
+    "attemptTime";
 
 std::string Select(const std::string& rest) {
   return std::string("SELECT ") + kColumns + " FROM mount_journal " + rest;
@@ -32,6 +33,7 @@ JournalRow ReadRow(const Statement& row) {
   result.since = row.Integer(column++);
   result.tries = row.Integer(column++);
   result.error = row.Text(column++);
+  result.attemptTime = row.Text(column++);
   return result;
 }
 
@@ -44,9 +46,11 @@ JournalTable::JournalTable(Database& database)
       count(database.Prepare("SELECT count(*) FROM mount_journal")),
       attempted(database.Prepare("SELECT attemptName FROM mount_journal WHERE attempted = 1 AND "
                                  "attemptParent = ?1")),
+      otherAttempt(database.Prepare("SELECT ino FROM mount_journal WHERE attempted = 1 AND "
+                                    "attemptParent = ?1 AND attemptName = ?2 AND ino <> ?3")),
       put(database.Prepare(std::string("INSERT OR REPLACE INTO mount_journal (") + kColumns +
                            ") VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
-                           "?17,?18)")),
+                           "?17,?18,?19)")),
       erase(database.Prepare("DELETE FROM mount_journal WHERE ino = ?1")) {}
 
 std::optional<JournalRow> JournalTable::Find(Inode ino) {
@@ -84,6 +88,15 @@ std::vector<std::string> JournalTable::AttemptedIn(const std::string& parentId) 
   return names;
 }
 
+Inode JournalTable::OtherAttempt(Inode ino, const std::string& parentId, const std::string& name) {
+  otherAttempt.Bind(1, parentId);
+  otherAttempt.Bind(2, name);
+  otherAttempt.Bind(3, static_cast<int64_t>(ino));
+  const Inode found = otherAttempt.Step() ? static_cast<Inode>(otherAttempt.Integer(0)) : Inode{0};
+  otherAttempt.Reset();
+  return found;
+}
+
 void JournalTable::Put(const JournalRow& row) {
   int at = 1;
   put.Bind(at++, static_cast<int64_t>(row.ino));
@@ -104,6 +117,7 @@ void JournalTable::Put(const JournalRow& row) {
   put.Bind(at++, row.since);
   put.Bind(at++, row.tries);
   put.Bind(at++, row.error);
+  put.Bind(at++, row.attemptTime);
   put.Run();
 }
 

@@ -31,6 +31,7 @@ struct JournalRow {
   /// again. Empty name: content was sent to an item that exists.
   bool attempted = false;
   std::string attemptParent{}, attemptName{}, attemptHash{};
+  std::string attemptTime{};  ///< the modification time that was last sent on purpose
   int64_t attemptSize = 0;
   int64_t attemptGeneration = 0;
 
@@ -49,12 +50,14 @@ class JournalTable {
   int64_t Count();
   /// Names that were sent to a folder of the service in attempts without an answer.
   std::vector<std::string> AttemptedIn(const std::string& parentId);
+  /// Another item than `ino` with such an attempt of that name; 0 when there is none.
+  Inode OtherAttempt(Inode ino, const std::string& parentId, const std::string& name);
   /// Inserts or replaces.
   void Put(const JournalRow& row);
   void Erase(Inode ino);
 
  private:
-  Statement find, has, all, count, attempted, put, erase;
+  Statement find, has, all, count, attempted, otherAttempt, put, erase;
 };
 
 }  // namespace host::mount

@@ -156,7 +156,7 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
     return connected && begin();
   });
   starter.Ready();
-  mounted.Serve(true);
+  mounted.Serve();
   drive.Stop();
   SayWhatIsLeft(drive);
 }

@@ -91,11 +91,13 @@ class Settler {
   void NoteSentLocked(Inode ino, const std::string& id, const RemoteItem& record,
                       int64_t generation);
   void KeepAsCache(const Item& item, const JournalRow& row);
-  bool HoldsAttempt(const JournalRow& row, const RemoteItem& record);
+  std::optional<bool> HoldsAttempt(const JournalRow& row, const RemoteItem& record);
   AERROR Upload(const Work& work, const ContentPtr& content, uint64_t writes,
                 const std::string& parentId, Sending& sending, RemoteItem& record);
   bool Hash(const ContentPtr& content, uint64_t writes, std::string& hash);
-  std::string RemoteHash(const std::string& id, int64_t size);
+  std::optional<std::string> RemoteHash(const std::string& id, int64_t size);
+  Verdict Reconsider(const Work& work, const RemoteItem& record);
+  bool IsOwnTime(const Work& work, const RemoteItem& record);
   ContentPtr OpenContent(int64_t content);
 
   // settler_names.cpp

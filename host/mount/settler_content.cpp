@@ -65,7 +65,8 @@ bool Settler::Hash(const ContentPtr& content, uint64_t writes, std::string& hash
   return content->Writes() == writes;
 }
 
-std::string Settler::RemoteHash(const std::string& id, int64_t size) {
+/// The digest of what the service has; nothing when it could not be read whole.
+std::optional<std::string> Settler::RemoteHash(const std::string& id, int64_t size) {
   Digest digest;
   int64_t reached = 0;
   const auto receive = [&](int64_t at, std::span<const char> bytes) {
@@ -78,12 +79,18 @@ std::string Settler::RemoteHash(const std::string& id, int64_t size) {
   };
   if (size > 0 &&
       remote.Fetch(id, 0, size, std::make_shared<_FS_HANDLE>(), receive) != AERROR::SUCCESS)
-    return "";
-  return reached == size ? digest.Text() : "";
+    return std::nullopt;
+  if (reached != size) return std::nullopt;
+  return digest.Text();
 }
 
-bool Settler::HoldsAttempt(const JournalRow& row, const RemoteItem& record) {
-  return record.size == row.attemptSize && RemoteHash(record.id, record.size) == row.attemptHash;
+/// Whether the service has the bytes of the attempt without an answer; nothing when it cannot be
+/// known now.
+std::optional<bool> Settler::HoldsAttempt(const JournalRow& row, const RemoteItem& record) {
+  if (record.size != row.attemptSize) return false;
+  const std::optional<std::string> hash = RemoteHash(record.id, record.size);
+  if (!hash) return std::nullopt;
+  return *hash == row.attemptHash;
 }
 
 AERROR Settler::Upload(const Work& work, const ContentPtr& content, uint64_t writes,
@@ -114,15 +121,32 @@ Verdict Settler::Send(const Work& work, Sending& sending) {
       return {.kind = Verdict::kProgress};
     }
     case Seen::kChanged:
-      if (work.row.attempted && HoldsAttempt(work.row, record)) {
-        NoteSent(work, record, work.row.attemptGeneration);
-        return {.kind = Verdict::kProgress};
-      }
-      return KeepBoth(work, record);
+      return Reconsider(work, record);
     case Seen::kSame:
       break;
   }
   return SendOver(work, sending);
+}
+
+/// The service has another version than the one the edit began from: somebody's, or the effect of
+/// a request of ours whose answer was lost.
+Verdict Settler::Reconsider(const Work& work, const RemoteItem& record) {
+  if (IsOwnTime(work, record)) {
+    NoteSent(work, record, -1);
+    return {.kind = Verdict::kProgress};
+  }
+  if (!work.row.attempted) return KeepBoth(work, record);
+  const std::optional<bool> ours = HoldsAttempt(work.row, record);
+  if (!ours) return {.kind = Verdict::kFailed, .error = "the service's version cannot be read"};
+  if (!*ours) return KeepBoth(work, record);
+  NoteSent(work, record, work.row.attemptGeneration);
+  return {.kind = Verdict::kProgress};
+}
+
+/// Only the time differs, and it is one that this host has sent.
+bool Settler::IsOwnTime(const Work& work, const RemoteItem& record) {
+  return !work.row.attemptTime.empty() && record.time3 == work.row.attemptTime &&
+         record.size == (work.row.hasBase ? work.row.baseSize : work.item.remoteSize);
 }
 
 Verdict Settler::SendOver(const Work& work, Sending& sending) {

@@ -9,6 +9,13 @@ namespace host::mount {
 
 Verdict Settler::Create(const Work& work, Sending& sending) {
   if (work.row.attempted) return LookForLostCreate(work);
+  {
+    // What an earlier attempt of that name may have made must not be taken for this one's.
+    std::lock_guard lock(state.mutex);
+    const Inode other =
+        state.journal.OtherAttempt(work.item.ino, work.parent.id, Trimmed(NameToSend(work.item)));
+    if (other != 0) return {.kind = Verdict::kBlocked, .on = other};
+  }
   if (work.item.IsFolder()) return CreateFolder(work);
   if (work.row.content == 0) return {.kind = Verdict::kWaiting};
   return CreateFile(work, sending);
@@ -98,7 +105,9 @@ Verdict Settler::LookForLostCreate(const Work& work) {
       std::lock_guard lock(state.mutex);
       if (!state.items.WithId(record.id).empty()) continue;
     }
-    if (!work.item.IsFolder() && !HoldsAttempt(work.row, record)) continue;
+    const std::optional<bool> ours = work.item.IsFolder() ? true : HoldsAttempt(work.row, record);
+    if (!ours) return {.kind = Verdict::kFailed, .error = "the service's copy cannot be read"};
+    if (!*ours) continue;
     Adopt(work, record, work.row.attemptParent, work.row.attemptGeneration);
     return {.kind = Verdict::kProgress};
   }

@@ -83,8 +83,16 @@ Verdict Settler::Vanished(const Work& work) {
 }
 
 Verdict Settler::SetTimes(const Work& work) {
+  const std::string time = ToRfc3339(work.item.mtime);
+  {
+    std::lock_guard lock(state.mutex);
+    std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+    if (!row) return {.kind = Verdict::kProgress};
+    row->attemptTime = time;
+    state.journal.Put(*row);
+  }
   RemoteItem record;
-  const AERROR code = remote.SetModified(work.item.id, ToRfc3339(work.item.mtime), record);
+  const AERROR code = remote.SetModified(work.item.id, time, record);
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record)) {
     const std::optional<bool> listed = IsListed(work.item.remoteParent, work.item.id);
     if (listed && !*listed) return Vanished(work);

@@ -40,7 +40,9 @@ const std::vector<std::string>& MountSchema() {
       baseTime TEXT NOT NULL, baseSize INTEGER NOT NULL, after INTEGER NOT NULL,
       attempted INTEGER NOT NULL, attemptParent TEXT NOT NULL, attemptName TEXT NOT NULL,
       attemptHash BLOB NOT NULL, attemptSize INTEGER NOT NULL, attemptGeneration INTEGER NOT NULL,
-      since INTEGER NOT NULL, tries INTEGER NOT NULL, error TEXT NOT NULL);
+      since INTEGER NOT NULL, tries INTEGER NOT NULL, error TEXT NOT NULL,
+      attemptTime TEXT NOT NULL);
+    CREATE INDEX mount_journal_attempts ON mount_journal(attemptParent) WHERE attempted = 1;
     CREATE TABLE mount_contents(
       content INTEGER PRIMARY KEY AUTOINCREMENT, ino INTEGER NOT NULL, id TEXT NOT NULL,
       time TEXT NOT NULL, size INTEGER NOT NULL, dirty INTEGER NOT NULL, present BLOB NOT NULL,

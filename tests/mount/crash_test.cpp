@@ -313,6 +313,7 @@ TEST_F(Crash, LosesNothingDoublesNothingChangesNothing) {
         for (const std::string& fault : CompareWithService(place)) faults.push_back(fault);
     }
     for (const std::string& fault : faults) ADD_FAILURE() << "round " << round << ": " << fault;
+    if (!faults.empty()) program.Keep("/tmp/vormlane-crash");
     ASSERT_TRUE(faults.empty());
     InjectFaults();
     std::vector<std::thread> threads;

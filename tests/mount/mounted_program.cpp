@@ -110,6 +110,12 @@ void MountedProgram::Kill() {
   process = -1;
 }
 
+void MountedProgram::Keep(const fs::path& place) const {
+  std::error_code ignored;
+  fs::remove_all(place, ignored);
+  fs::copy(directory.Path() / "data", place, fs::copy_options::recursive, ignored);
+}
+
 void MountedProgram::Detach() { umount2(folder.c_str(), MNT_DETACH); }
 
 bool MountedProgram::Unmount() {

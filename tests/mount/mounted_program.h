@@ -37,6 +37,9 @@ class MountedProgram {
   int Run(const std::vector<std::string>& arguments, std::string* output = nullptr) const;
   bool Drain() const { return Run({"drain"}) == 0; }
 
+  /// Copies what the host keeps, for whoever has to find out why.
+  void Keep(const std::filesystem::path& place) const;
+
   const std::filesystem::path& Folder() const { return folder; }
   std::filesystem::path Root() const { return folder / "My Drive"; }
   pid_t Process() const { return process; }
