@@ -8,6 +8,8 @@
 namespace host {
 namespace {
 
+constexpr int kResumes = 5;
+
 /// What of a block lies in [next, end): a transfer that was tried again repeats bytes, and a
 /// service that ignores the range sends too many.
 std::span<const char> Wanted(int64_t offset, std::span<const char> bytes, int64_t next,
@@ -17,6 +19,22 @@ std::span<const char> Wanted(int64_t offset, std::span<const char> bytes, int64_
   return bytes.subspan(static_cast<size_t>(from), static_cast<size_t>(to - from));
 }
 
+/// A file that was read in several goes must not have become another one in between.
+void CheckUnchanged(Session& session, const Item& file, const std::string& doing) {
+  Item now;
+  Perform(session, doing, [&](char** message) {
+    return session.Drive().GetFileInfo(file.id.c_str(), &now, message);
+  });
+  if (now.time1 != file.time1 || now.size != file.size)
+    throw Failure(doing + ": it was changed meanwhile", "try again", AERROR::FILE_READ_FAILED);
+}
+
+Failure Incomplete(const std::string& doing, int64_t sent, int64_t wanted) {
+  return Failure(doing + ": the service sent " + std::to_string(sent) + " of " +
+                     std::to_string(wanted) + " bytes",
+                 "try again", AERROR::FILE_READ_FAILED);
+}
+
 }  // namespace
 
 void Download(Session& session, const Item& file, int64_t offset, int64_t length,
@@ -24,7 +42,6 @@ void Download(Session& session, const Item& file, int64_t offset, int64_t length
               const ByteSink& sink) {
   const std::string doing = "cannot read \"" + shown + "\"";
   const int64_t end = std::min(file.size, offset + std::min(length, file.size));
-  if (offset >= end) return;
   int64_t next = offset;
   FetchSink fetch(handle, [&](int64_t at, std::span<const char> bytes) {
     if (at > next) throw Failure(doing + ": bytes are missing from the answer", "try again");
@@ -33,15 +50,18 @@ void Download(Session& session, const Item& file, int64_t offset, int64_t length
     next += static_cast<int64_t>(wanted.size());
   });
   handle->content = file.content;
-  HostLog::TakeLastError();
-  const AERROR code =
-      session.Drive().Read(file.id.c_str(), offset, end - offset, handle, &fetch, nullptr);
-  fetch.Rethrow();
-  if (code != AERROR::SUCCESS) throw session.Failed(doing, code);
-  if (next != end)
-    throw Failure(doing + ": the service sent " + std::to_string(next - offset) + " of " +
-                      std::to_string(end - offset) + " bytes",
-                  "try again", AERROR::FILE_READ_FAILED);
+  for (int resumed = 0; next < end; ++resumed) {
+    const int64_t before = next;
+    HostLog::TakeLastError();
+    const AERROR code =
+        session.Drive().Read(file.id.c_str(), next, end - next, handle, &fetch, nullptr);
+    fetch.Rethrow();
+    // A transfer that broke off is taken up where it ended, as long as that leads anywhere.
+    const bool hopeless = next == before || resumed == kResumes || handle->status >= 3;
+    if (code != AERROR::SUCCESS && hopeless) throw session.Failed(doing, code);
+    if (next < end && hopeless) throw Incomplete(doing, next - offset, end - offset);
+    if (next == end && resumed > 0) CheckUnchanged(session, file, doing);
+  }
 }
 
 }  // namespace host

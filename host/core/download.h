@@ -15,8 +15,9 @@ namespace host {
 using ByteSink = std::function<void(int64_t offset, std::span<const char> bytes)>;
 
 /// Reads `length` bytes from `offset` of a file (bounded by its size). `handle` may be marked as
-/// abandoned from elsewhere. What `sink` throws ends the download and is thrown on. Throws Failure
-/// when the service does not deliver every byte. `shown` names the file in messages.
+/// abandoned from elsewhere. A transfer that breaks off is taken up where it ended a few times.
+/// What `sink` throws ends the download and is thrown on. Throws Failure when the service does not
+/// deliver every byte. `shown` names the file in messages.
 void Download(Session& session, const Item& file, int64_t offset, int64_t length,
               const std::shared_ptr<_FS_HANDLE>& handle, const std::string& shown,
               const ByteSink& sink);

@@ -220,21 +220,48 @@ TEST_F(Downloads, InterruptedWhileTheServiceIsSilentNothingIsLeft) {
   EXPECT_TRUE(NothingIsThere());
 }
 
-TEST_F(Downloads, ABrokenTransferIsAFailureAndLeavesNothing) {
-  drive.PutSynthetic("big.bin", 3 << 20);
-  for (const char* kind : {"reset-body", "truncate"}) {
+class BrokenDownloads : public Downloads {
+ protected:
+  /// Each of the next downloads ends one MiB after its beginning.
+  void BreakDownloads(int times) {
     emulator::Fault fault;
     fault.method = "drive.files.get.media";
-    fault.kind = kind;
+    fault.kind = "truncate";
     fault.at = 1 << 20;
+    fault.times = times;
     drive.Inject(fault);
-    EXPECT_THAT(Complaint({"get", "/My Drive/big.bin", Target().string()}),
-                HasSubstr("/My Drive/big.bin"))
-        << kind;
-    EXPECT_TRUE(NothingIsThere()) << kind;
   }
-  Output({"get", "/My Drive/big.bin", Target().string()});
-  EXPECT_EQ(std::filesystem::file_size(Target()), 3u << 20);
+  Arguments Get() const { return {"get", "/My Drive/big.bin", Target().string()}; }
+};
+
+TEST_F(BrokenDownloads, AreTakenUpWhereTheyEnded) {
+  const std::string id = drive.PutSynthetic("big.bin", (5 << 20) + 3);
+  BreakDownloads(2);
+  Output(Get());
+  EXPECT_TRUE(ReadFile(Target()) == drive.Content(id));
+  EXPECT_TRUE(drive.PendingFaults().empty());
+}
+
+TEST_F(BrokenDownloads, AreGivenUpInTheEndAndLeaveNothing) {
+  drive.PutSynthetic("big.bin", 64 << 20);
+  BreakDownloads(100);
+  EXPECT_THAT(Complaint(Get()), HasSubstr("/My Drive/big.bin"));
+  EXPECT_TRUE(NothingIsThere());
+}
+
+TEST_F(BrokenDownloads, NeverMixTwoVersions) {
+  const std::string id = drive.Put("big.bin", Bytes(4 << 20, 1));
+  BreakDownloads(1);
+  emulator::Fault slow;  // holds up the second part until the file is another one
+  slow.method = "drive.files.get.media";
+  slow.kind = "delay";
+  slow.delay = std::chrono::seconds(2);
+  drive.Inject(slow);
+  const auto process = Start(Get());
+  while (drive.Count("drive.files.get.media") < 2 && process->IsRunning()) usleep(1000);
+  drive.Write(id, Bytes(4 << 20, 2));
+  EXPECT_THAT(ComplaintOf(process->Finish()), HasSubstr("changed"));
+  EXPECT_TRUE(NothingIsThere());
 }
 
 }  // namespace
