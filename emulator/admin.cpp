@@ -251,9 +251,9 @@ Reply Answer(DriveEmulator& emulator, const httplib::Request& request,
 
 }  // namespace
 
-std::unique_ptr<HttpServer> ServeAdmin(DriveEmulator& emulator, const std::string& host, int port) {
+std::unique_ptr<HttpServer> ServeAdmin(DriveEmulator& emulator, int port) {
   return std::make_unique<HttpServer>(
-      HttpServer::Settings{host, port, nullptr, nullptr},
+      HttpServer::Settings{"127.0.0.1", port, nullptr, nullptr},
       [&emulator](Connection& connection, const httplib::Request& request,
                   const httplib::ContentReader* body) {
         Stopper unused;

@@ -15,14 +15,13 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "emulator/drive_emulator.h"
 #include "emulator/http_server.h"
 
 namespace emulator {
 
-/// Serves `emulator`, which must outlive the server.
-std::unique_ptr<HttpServer> ServeAdmin(DriveEmulator& emulator, const std::string& host, int port);
+/// Serves `emulator`, which must outlive the server, on 127.0.0.1 alone: it asks for no password.
+std::unique_ptr<HttpServer> ServeAdmin(DriveEmulator& emulator, int port);
 
 }  // namespace emulator

@@ -149,6 +149,8 @@ Reply Dispatcher::Answer(Exchange& exchange) {
     return Invoke(exchange);
   } catch (const ApiError& error) {
     return ErrorReply(error);
+  } catch (const Json::Exception& wrong) {
+    return ErrorReply(BadRequest(wrong.what()));  // a member of another type than it must be
   } catch (const std::exception& failure) {
     return ErrorReply(ApiError(500, "backendError", failure.what()));
   }

@@ -45,7 +45,7 @@ DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
       [this](Connection& connection, const httplib::Request& request,
              const httplib::ContentReader* body) { dispatcher.Handle(connection, request, body); });
   ServePush();
-  admin = ServeAdmin(owner, options.host, options.adminPort);
+  admin = ServeAdmin(owner, options.adminPort);
 }
 
 DriveEmulator::Impl::~Impl() {
@@ -77,7 +77,9 @@ DriveEmulator::DriveEmulator(Options options)
 DriveEmulator::~DriveEmulator() = default;
 
 std::string DriveEmulator::ApiUrl() const { return impl->Url(*impl->api, impl->tls != nullptr); }
-std::string DriveEmulator::AdminUrl() const { return impl->Url(*impl->admin, false); }
+std::string DriveEmulator::AdminUrl() const {
+  return "http://127.0.0.1:" + std::to_string(impl->admin->Port());
+}
 
 std::string DriveEmulator::PushApiUrl() const { return impl->Url(*impl->pushService, false); }
 std::string DriveEmulator::PushUrl() const {

@@ -29,7 +29,7 @@ inline constexpr char kClientSecret[] = "vormlane-demo-secret";
 struct Options {
   std::string host = "127.0.0.1";
   int port = 0;              ///< of the API; 0: any free port. The other ports are always free ones
-  int adminPort = 0;         ///< 0: any free port
+  int adminPort = 0;         ///< 0: any free port; always on 127.0.0.1
   std::string tlsDirectory;  ///< not empty: HTTPS, with an authority made there (ca.pem,
                              ///< server.pem, server-key.pem); made again only when missing
   std::string seed = "empty";              ///< "demo", "empty", or a number of files
