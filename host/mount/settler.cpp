@@ -21,11 +21,11 @@ std::optional<Verdict> Settler::Read(Inode ino, Work& work) {
     return Verdict{.kind = Verdict::kBlocked, .on = row->after};
   work.item = *item;
   work.row = *row;
+  const std::optional<Item> parent = state.items.Find(item->parent);
+  if (parent) work.parent = *parent;
   if (item->deleted) return std::nullopt;
   if (row->editing) return Verdict{.kind = Verdict::kWaiting};
-  const std::optional<Item> parent = state.items.Find(item->parent);
   if (!parent) return Verdict{.kind = Verdict::kFailed, .error = "its folder is gone"};
-  work.parent = *parent;
   work.parentOwed = parent->driveName != parent->remoteName && state.journal.Has(parent->ino);
   if (parent->id.empty()) return Verdict{.kind = Verdict::kBlocked, .on = parent->ino};
   if (const std::optional<Item> above = state.items.Find(parent->parent))

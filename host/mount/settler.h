@@ -108,6 +108,7 @@ class Settler {
   Verdict DeleteAtService(const Work& work);
   Verdict Restore(const Work& work, const std::vector<RemoteItem>& listed, int64_t begun);
   Verdict Vanished(const Work& work);
+  std::optional<bool> Exists(const Work& work);
   std::optional<bool> IsListed(const std::string& folder, const std::string& id);
   bool ConfirmPlace(const Work& work, const std::string& name, const std::string& parentId);
   void Done(const Work& work);

@@ -181,8 +181,8 @@ Settler::Seen Settler::Compare(const Work& work, RemoteItem& record) {
   if (seen == Seen::kGone) {
     // Not where it was, or too many to look through: moved, in the trash, or deleted.
     if (remote.Info(work.item.id, record) != AERROR::SUCCESS) {
-      const std::optional<bool> listed = IsListed(work.item.remoteParent, work.item.id);
-      return listed && !*listed ? Seen::kGone : Seen::kUnknown;
+      const std::optional<bool> exists = Exists(work);
+      return exists && !*exists ? Seen::kGone : Seen::kUnknown;
     }
     const bool inPlace = std::find(record.parents.begin(), record.parents.end(),
                                    work.item.remoteParent) != record.parents.end();

@@ -32,6 +32,19 @@ std::optional<bool> Settler::IsListed(const std::string& folder, const std::stri
                      [&](const RemoteItem& item) { return item.id == id; });
 }
 
+/// Whether the service has the item: where it was last seen, or where an answer that was lost may
+/// have put it. Nothing when that cannot be known now; only a certain no may lead to anything.
+std::optional<bool> Settler::Exists(const Work& work) {
+  RemoteItem record;
+  if (remote.Info(work.item.id, record) == AERROR::SUCCESS) return true;
+  for (const std::string& folder : {work.item.remoteParent, work.parent.id}) {
+    if (folder.empty()) continue;
+    const std::optional<bool> listed = IsListed(folder, work.item.id);
+    if (!listed || *listed) return listed;
+  }
+  return false;
+}
+
 Verdict Settler::Relocate(const Work& work) {
   const bool moves = work.parent.id != work.item.remoteParent;
   // A folder is moved before what goes into it, so that no two ever contain each other.
@@ -42,8 +55,8 @@ Verdict Settler::Relocate(const Work& work) {
                             : remote.Rename(work.item.id, name, record);
   if (ConfirmPlace(work, name, work.parent.id)) return {.kind = Verdict::kProgress};
   if (code != AERROR::SUCCESS) {
-    const std::optional<bool> listed = IsListed(work.item.remoteParent, work.item.id);
-    if (listed && !*listed) return Vanished(work);
+    const std::optional<bool> exists = Exists(work);
+    if (exists && !*exists) return Vanished(work);
   }
   return {.kind = Verdict::kFailed, .error = "not renamed or moved: " + Meaning(code)};
 }
@@ -94,8 +107,8 @@ Verdict Settler::SetTimes(const Work& work) {
   RemoteItem record;
   const AERROR code = remote.SetModified(work.item.id, time, record);
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record)) {
-    const std::optional<bool> listed = IsListed(work.item.remoteParent, work.item.id);
-    if (listed && !*listed) return Vanished(work);
+    const std::optional<bool> exists = Exists(work);
+    if (exists && !*exists) return Vanished(work);
     return {.kind = Verdict::kFailed, .error = "its time was not set: " + Meaning(code)};
   }
   std::lock_guard lock(state.mutex);
@@ -143,8 +156,8 @@ Verdict Settler::DeleteFolder(const Work& work) {
   const AERROR code = remote.List(work.item.id, listed);
   if (code == AERROR::SUCCESS && !listed.empty()) return Restore(work, listed, begun);
   if (code == AERROR::SUCCESS) return DeleteAtService(work);
-  const std::optional<bool> there = IsListed(work.item.remoteParent, work.item.id);
-  if (there && !*there) {
+  const std::optional<bool> exists = Exists(work);
+  if (exists && !*exists) {
     Done(work);
     return {};
   }
@@ -176,8 +189,8 @@ Verdict Settler::Restore(const Work& work, const std::vector<RemoteItem>& listed
 Verdict Settler::DeleteAtService(const Work& work) {
   const AERROR code = remote.Delete(RecordOf(work.item));
   if (code != AERROR::SUCCESS) {
-    const std::optional<bool> listed = IsListed(work.item.remoteParent, work.item.id);
-    if (!listed || *listed)
+    const std::optional<bool> exists = Exists(work);
+    if (!exists || *exists)
       return {.kind = Verdict::kFailed, .error = "not deleted: " + Meaning(code)};
   }
   Done(work);

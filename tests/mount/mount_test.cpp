@@ -129,6 +129,7 @@ TEST_F(Mount, RefusesWhatTheDriveCannotDo) {
   service.Put("dir/a.txt", "x");
   service.PutUnder(service.RootId(), "Plan", "", "application/vnd.google-apps.document");
   Begin();
+  ASSERT_EQ(mkdir(At("empty").c_str(), 0755), 0);
   const auto fails = [](int result, int expected) { return result == -1 && errno == expected; };
   EXPECT_TRUE(fails(mkdir((program.Folder() / "new").c_str(), 0755), EACCES));
   EXPECT_TRUE(fails(mkdir((program.Folder() / "Shared with me/new").c_str(), 0755), EACCES));
@@ -136,7 +137,7 @@ TEST_F(Mount, RefusesWhatTheDriveCannotDo) {
   EXPECT_TRUE(fails(link(At("dir/a.txt").c_str(), At("link").c_str()), ENOTSUP));
   EXPECT_TRUE(fails(rmdir(At("dir").c_str()), ENOTEMPTY));
   EXPECT_TRUE(fails(unlink(At("dir").c_str()), EISDIR));
-  EXPECT_TRUE(fails(rename(At("dir").c_str(), At("dir/a.txt").c_str()), ENOTDIR));
+  EXPECT_TRUE(fails(rename(At("empty").c_str(), At("dir/a.txt").c_str()), ENOTDIR));
   EXPECT_TRUE(fails(rename(At("dir").c_str(), At("dir/below").c_str()), EINVAL));
   EXPECT_TRUE(fails(open(At("dir/a.txt").c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644), EEXIST));
   EXPECT_TRUE(fails(mkdir(At(std::string(256, 'n')).c_str(), 0755), ENAMETOOLONG));
