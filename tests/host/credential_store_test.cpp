@@ -51,15 +51,16 @@ class CredentialStoreTest : public testing::Test {
 };
 
 TEST_F(CredentialStoreTest, KeepsEverythingInAFileForTheOwnerOnly) {
+  const Credential saved = Token("first");
   const mode_t before = umask(0);
-  Store().Save(Token("first"));
+  Store().Save(saved);
   umask(before);
   struct stat status {};
   ASSERT_EQ(stat(file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
   const auto loaded = Store().Load();
   ASSERT_TRUE(loaded);
-  EXPECT_EQ(loaded->ToText(), Token("first").ToText());
+  EXPECT_EQ(loaded->ToText(), saved.ToText());
 }
 
 TEST_F(CredentialStoreTest, NothingIsThereBeforeAndAfter) {
