@@ -44,8 +44,10 @@ CURLImpl::CURLImpl() : easy(NewHandle()) {
   SetOption(CURLOPT_NOSIGNAL, 1L);
   SetOption(CURLOPT_FOLLOWLOCATION, 1L);
   SetOption(CURLOPT_MAXREDIRS, 32L);
-  // Eight times libcurl's own: receiving takes half the time, and an idle handle little memory.
+  // Several times libcurl's own: receiving takes half the time, sending a tenth less, and an idle
+  // handle little memory.
   SetOption(CURLOPT_BUFFERSIZE, 131072L);
+  SetOption(CURLOPT_UPLOAD_BUFFERSIZE, 262144L);
   // A method that is not libcurl's own is kept across every redirection, so its body must be too.
   SetOption(CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
   SetOption(CURLOPT_ACCEPT_ENCODING, "");
