@@ -154,7 +154,8 @@ void RunStat(Context& context, const std::string& text) {
   line("kind", KindOf(item));
   line("id", item.id);
   if (!IsFolder(item))
-    line("size", std::to_string(item.size) + " bytes (" + HumanBytes(item.size) + ")");
+    line("size", std::to_string(item.size) + " bytes" +
+                     (item.size < 1024 ? "" : " (" + HumanBytes(item.size) + ")"));
   line("modified", item.time1);
   for (const std::string& parent : item.parents) line("parent", parent);
   Print(out);
