@@ -44,9 +44,8 @@ CURLImpl::CURLImpl() : easy(NewHandle()) {
   SetOption(CURLOPT_NOSIGNAL, 1L);
   SetOption(CURLOPT_FOLLOWLOCATION, 1L);
   SetOption(CURLOPT_MAXREDIRS, 32L);
-  // Several times libcurl's own: receiving takes half the time, sending a tenth less, and an idle
-  // handle little memory.
-  SetOption(CURLOPT_BUFFERSIZE, 131072L);
+  // Four times libcurl's own: fewer calls, a faster upload. Receiving gains nothing by it: a reader
+  // that empties the socket in large blocks waits for the sender more often.
   SetOption(CURLOPT_UPLOAD_BUFFERSIZE, 262144L);
   // A method that is not libcurl's own is kept across every redirection, so its body must be too.
   SetOption(CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
