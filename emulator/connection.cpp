@@ -145,9 +145,9 @@ void Connection::Close() {
   broken = true;
 }
 
-int Connection::Release() {
+std::pair<int, SslHandle> Connection::Release() {
   broken = true;
-  return fd.exchange(-1);
+  return {fd.exchange(-1), std::move(ssl)};
 }
 
 void Connection::Interrupt() { ::shutdown(fd, SHUT_RDWR); }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "emulator/shaper.h"
 
@@ -46,8 +47,9 @@ class Connection : public httplib::Stream {
   bool Broken() const { return broken; }
   /// While muted, what the HTTP parser's library writes is dropped: responses are written by Send.
   void Mute(bool on) { muted = on; }
-  /// Hands the socket over; the connection is over for this object.
-  int Release();
+  /// Hands the socket and its TLS state (null when plain) over; the connection is over for this
+  /// object.
+  std::pair<int, SslHandle> Release();
   /// Makes blocked reads and writes of the serving thread fail.
   void Interrupt();
   uint64_t Number() const { return number; }

@@ -1,6 +1,7 @@
 #include "emulator/drive_emulator.h"
 
 #include <limits>
+#include <stdexcept>
 
 #include "emulator/admin.h"
 #include "emulator/emulator_impl.h"
@@ -33,7 +34,9 @@ DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
       vocabulary(store),
       tls(options.tlsDirectory.empty() ? nullptr : ServerTls(options.tlsDirectory)),
       dispatcher({service, faults, journal, stopper, true}, ApiRoutes(), tls ? "https" : "http"),
-      pushDispatcher({service, faults, journal, stopper, false}, PushRoutes(), "http") {
+      pushDispatcher({service, faults, journal, stopper, false}, PushRoutes(),
+                     options.pushTls ? "https" : "http") {
+  if (options.pushTls && !tls) throw std::invalid_argument("pushTls needs a tlsDirectory");
   AddQueryFunctions(store.Sql());
   if (store.Count() == 0) Seed(store, options.seed);
   store.SetListener([this](const Changed& changed) { channels.Tell(changed); });
@@ -56,16 +59,16 @@ DriveEmulator::Impl::~Impl() {
 }
 
 void DriveEmulator::Impl::ServePush() {
-  pushService =
-      std::make_unique<HttpServer>(HttpServer::Settings{options.host, 0, nullptr, nullptr},
-                                   [this](Connection& connection, const httplib::Request& request,
-                                          const httplib::ContentReader* body) {
-                                     if (request.has_header("Upgrade")) {
-                                       push.Accept(connection, request);
-                                     } else {
-                                       pushDispatcher.Handle(connection, request, body);
-                                     }
-                                   });
+  pushService = std::make_unique<HttpServer>(
+      HttpServer::Settings{options.host, 0, options.pushTls ? tls.get() : nullptr, nullptr},
+      [this](Connection& connection, const httplib::Request& request,
+             const httplib::ContentReader* body) {
+        if (request.has_header("Upgrade")) {
+          push.Accept(connection, request);
+        } else {
+          pushDispatcher.Handle(connection, request, body);
+        }
+      });
 }
 
 std::string DriveEmulator::Impl::Url(const HttpServer& server, bool secure) const {
@@ -81,9 +84,12 @@ std::string DriveEmulator::AdminUrl() const {
   return "http://127.0.0.1:" + std::to_string(impl->admin->Port());
 }
 
-std::string DriveEmulator::PushApiUrl() const { return impl->Url(*impl->pushService, false); }
+std::string DriveEmulator::PushApiUrl() const {
+  return impl->Url(*impl->pushService, impl->options.pushTls);
+}
 std::string DriveEmulator::PushUrl() const {
-  return "ws://" + impl->options.host + ":" + std::to_string(impl->pushService->Port()) + "/";
+  return (impl->options.pushTls ? "wss://" : "ws://") + impl->options.host + ":" +
+         std::to_string(impl->pushService->Port()) + "/";
 }
 std::string DriveEmulator::PushUserToken() const { return PushToken(); }
 

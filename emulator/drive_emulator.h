@@ -32,6 +32,7 @@ struct Options {
   int adminPort = 0;         ///< 0: any free port; always on 127.0.0.1
   std::string tlsDirectory;  ///< not empty: HTTPS, with an authority made there (ca.pem,
                              ///< server.pem, server-key.pem); made again only when missing
+  bool pushTls = false;      ///< the push service uses TLS too, with the same certificate
   std::string seed = "empty";              ///< "demo", "empty", or a number of files
   std::chrono::milliseconds roundTrip{0};  ///< added to every request of the API
   int64_t bandwidth = 0;  ///< bytes per second in sum over all connections, each way; 0: unlimited
@@ -110,7 +111,7 @@ class DriveEmulator {
   // Addresses, without a final '/' where not said otherwise.
   std::string ApiUrl() const;  ///< "http://127.0.0.1:PORT", https with TLS; OAuth is there too
   std::string AdminUrl() const;
-  std::string PushUrl() const;        ///< "ws://127.0.0.1:PORT/", ready for a channel name
+  std::string PushUrl() const;        ///< "ws://127.0.0.1:PORT/" (or wss), ready for a channel name
   std::string PushApiUrl() const;     ///< the base of POST /api/v1/change_subscriptions/
   std::string PushUserToken() const;  ///< the token that the push service knows
 

@@ -23,6 +23,7 @@ void Describe(CLI::App& app, Arguments& arguments) {
   app.add_option("--admin-port", arguments.options.adminPort, "port of the admin interface");
   app.add_option("--tls", arguments.options.tlsDirectory,
                  "serve HTTPS with a certificate authority made in this folder");
+  app.add_flag("--push-tls", arguments.options.pushTls, "use TLS for the push service as well");
   app.add_option("--seed", arguments.options.seed, "demo, empty or a number of files")
       ->default_val("demo");
   app.add_option("--rtt", arguments.roundTrip, "milliseconds added to every request");

@@ -18,6 +18,7 @@ constexpr int kFlood = 5000;
 
 struct Arrival {
   int fd;
+  SSL* ssl;  // the event loop's to free; null: plain
   std::string channel, key, extensions, protocol;
   PushBehaviour behaviour;
 };
@@ -55,7 +56,7 @@ class PushHub::Loop {
     epoll_ctl(hub->getLoop()->epfd, EPOLL_CTL_ADD, arrival.fd, &none);
 #endif
     arriving = &arrival;
-    hub->upgrade(arrival.fd, arrival.key.c_str(), nullptr, arrival.extensions.c_str(),
+    hub->upgrade(arrival.fd, arrival.key.c_str(), arrival.ssl, arrival.extensions.c_str(),
                  arrival.extensions.size(), arrival.protocol.c_str(), arrival.protocol.size());
     arriving = nullptr;
   }
@@ -148,7 +149,9 @@ void PushHub::Accept(Connection& connection, const httplib::Request& request) {
   if (now == PushBehaviour::kStall) return Stall(connection);
   if (now == PushBehaviour::kRefuse) return Refuse(connection, "503 Service Unavailable");
   if (key.size() != kKeyLength) return Refuse(connection, "400 Bad Request");
-  const Arrival arrival{connection.Release(),
+  auto [fd, ssl] = connection.Release();
+  const Arrival arrival{fd,
+                        ssl.release(),
                         request.path.substr(1),
                         key,
                         request.get_header_value("Sec-WebSocket-Extensions"),

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "tests/emulator/emulator_fixture.h"
+#include "tests/emulator/web_socket_client.h"
 
 namespace emulator_test {
 namespace {
@@ -76,6 +77,32 @@ TEST_F(State, TlsWithItsOwnAuthority) {
   const Answer done = Send("PUT", session.Header("Location"), big);
   ASSERT_EQ(done.status, 200);
   EXPECT_EQ(Get("/drive/v3/files/" + done.Json()["id"].asString() + "?alt=media").body, big);
+}
+
+TEST_F(State, PushOverTls) {
+  emulator::Options options;
+  options.tlsDirectory = (place / "tls").string();
+  options.pushTls = true;
+  Start(options);
+  const std::string authority = (place / "tls/ca.pem").string();
+  ASSERT_EQ(drive->PushUrl().rfind("wss://", 0), 0u);
+  {
+    WebSocketClient listener(drive->PushUrl() + "channel", authority);
+    ASSERT_TRUE(listener.Open());
+    client->set_ca_cert_path(authority.c_str());
+    EXPECT_EQ(Send("POST", "/drive/v3/changes/watch?pageToken=1",
+                   "{\"id\":\"c\",\"type\":\"web_hook\",\"address\":\"" + drive->PushApiUrl() +
+                       "/webhook/channel\"}")
+                  .status,
+              200);
+    drive->Put("a.txt", "x");
+    EXPECT_THAT(listener.Receive(), ::testing::HasSubstr("change"));
+    drive->SetPushBehaviour(emulator::PushBehaviour::kFlood);
+    WebSocketClient flooded(drive->PushUrl() + "flood", authority);
+    for (int i = 0; i < 5000; ++i) ASSERT_EQ(flooded.Receive(), "flood");
+  }
+  options.tlsDirectory.clear();
+  EXPECT_THROW(emulator::DriveEmulator{options}, std::invalid_argument);
 }
 
 TEST_F(State, RefusesWhatItCannotServe) {
