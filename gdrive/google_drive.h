@@ -124,6 +124,9 @@ class GoogleDrive : public IProtocol_V2 {
   void SetProfileValue(const char* key, const std::string& value, int flag) const;
   void BindLogger() const;
   void ReadEndpoints();
+  /// RefreshAuth for a request that was signed with the token of `generation`: RETRY without asking
+  /// the host when the token has been renewed since, as the new one has not been refused yet.
+  AERROR RefreshAuthSince(uint64_t generation);
   AERROR RenewCredential();
   void ApplyOptionFields(const char* text);
 
@@ -190,7 +193,6 @@ class GoogleDrive : public IProtocol_V2 {
   const _FS_FILE_V1 teamDrives;
   const _FS_FILE_V1 sharedFiles;
 
-  const std::function<AERROR(_CURLRTN&)> onUnauthorized;
   std::mutex refreshLock;  ///< held for a whole renewal, so that of many only one is made
   SteadyTime lastRefresh;  ///< guarded by refreshLock
   std::atomic<std::thread::id> refreshingThread;
@@ -217,10 +219,7 @@ AERROR GoogleDrive::Query(const char* name,
     generation = tokenGeneration;
     return build(std::move(request));
   };
-  auto unauthorized = [&](_CURLRTN& result) {
-    // Renewed by another thread since this try was signed: the new token has not been refused yet.
-    return generation == tokenGeneration ? onUnauthorized(result) : AERROR::RETRY;
-  };
+  auto unauthorized = [&](_CURLRTN&) { return RefreshAuthSince(generation); };
   statuses.insert_or_assign(401, ResponseHandler(unauthorized, ""));
   BindLogger();
   return QueryWithBackoff<Backoff>(cq, RequestBuilder(remember, name), std::move(ranges),

@@ -55,7 +55,6 @@ GoogleDrive::GoogleDrive(const char*, IProtocolManager* profileManager)
       virtualRoot(VirtualFolder(kVirtualRoot, "")),
       teamDrives(VirtualFolder(kTeamDrives, "Team Drives")),
       sharedFiles(VirtualFolder(kShared, "Shared with me")),
-      onUnauthorized([this](_CURLRTN&) { return RefreshAuth(); }),
       lastRefresh(SteadyNow() - kLongAgo) {}
 
 GoogleDrive::~GoogleDrive() = default;
@@ -166,7 +165,9 @@ AERROR GoogleDrive::Connect(IProtocolAuth* hostAuth, const char* text) {
   }
 }
 
-AERROR GoogleDrive::RefreshAuth() {
+AERROR GoogleDrive::RefreshAuth() { return RefreshAuthSince(tokenGeneration); }
+
+AERROR GoogleDrive::RefreshAuthSince(uint64_t generation) {
   // The host's renewal may ask this session something that meets a 401 itself.
   if (refreshingThread == std::this_thread::get_id()) return AERROR::FAILED;
   std::unique_lock guard(refreshLock, std::try_to_lock);
@@ -174,6 +175,7 @@ AERROR GoogleDrive::RefreshAuth() {
     guard.lock();
     return AERROR::RETRY;  // whoever held the lock has just renewed
   }
+  if (generation != tokenGeneration) return AERROR::RETRY;
   if (SteadyNow() - lastRefresh < kRenewalInterval) return AERROR::FAILED;
   const ThreadMark mark(refreshingThread);
   const AERROR code = Guarded([this] { return RenewCredential(); });
