@@ -42,18 +42,21 @@ class ConcurrencyTest : public DriveTest {
 TEST_F(ConcurrencyTest, NothingIsLostOrDoubledAndConnectionsStayFew) {
   CatchUp();
   std::atomic<int> errors{0};
+  std::atomic<int> ended{0};
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([this, i, &errors] { errors += Work(i); });
+    threads.emplace_back([this, i, &errors, &ended] {
+      errors += Work(i);
+      ++ended;
+    });
   }
-  // What the host may do meanwhile.
-  for (int i = 0; i < 50; ++i) {
+  // What happens meanwhile: settings change and tokens expire, each after the renewal of the last.
+  for (int i = 0; i < 50 && ended < kThreads; ++i) {
     drive->SetOpt("verbose", i % 2 == 0 ? "on" : "off");
     drive->SetOpt("speedlimit", "0");
-    (void)drive->GetQuota(nullptr, nullptr);
-    service.ExpireTokens();
     clock.Advance(std::chrono::seconds(1860));
-    std::this_thread::yield();
+    service.ExpireTokens();
+    while (drive->RefreshAuth() == AERROR::RETRY) std::this_thread::yield();
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(errors, 0);
