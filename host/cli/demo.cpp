@@ -7,6 +7,7 @@
 
 #include "host/cli/commands.h"
 #include "host/cli/demo_drive.h"
+#include "host/cli/demo_mount.h"
 #include "host/cli/terminal.h"
 #include "host/core/interrupt.h"
 
@@ -40,6 +41,12 @@ class Tour {
     app.fallthrough();
     AddCommands(app, context);
     app.parse(Words(words.rbegin(), words.rend()));
+  }
+
+  void Shell(const std::string& command) {
+    InterruptWatch::ThrowIfInterrupted("the demo");
+    Print(paint.Faint("$ ") + paint.Bold(command) + "\n");
+    if (RunShell(demo, command) != 0) throw Failure("the demo's command failed: " + command);
   }
 
   /// A file made by somebody else as soon as the drive listens for pushed changes.
@@ -103,6 +110,21 @@ void ShowChanges(Tour& tour) {
   tour.Type({"watch", "--interval", "3600", "--count", "1", "--for", "10"});
 }
 
+/// The drive as a folder, shown by the programs that everybody has.
+void ShowMount(Tour& tour, DemoDrive& demo) {
+  if (const std::string why = DemoMount::Missing(demo); !why.empty())
+    return tour.Say("The drive as a folder is left out: " + why + ".");
+  tour.Say("The same drive as a folder, for every program.");
+  DemoMount mount(demo);
+  const std::string folder = mount.Folder().string();
+  tour.Shell("vormlane --profile demo mount " + folder);
+  tour.Shell("ls -l '" + folder + "/My Drive'");
+  tour.Shell("grep -c line '" + folder + "/My Drive/Documents/Contract.md'");
+  tour.Shell("echo 'Written by the shell.' > '" + folder + "/My Drive/from the shell.txt'");
+  tour.Shell("vormlane --profile demo unmount " + folder);
+  tour.Type({"cat", "/My Drive/from the shell.txt"});
+}
+
 void RunDemo(Context& context) {
   const InterruptWatch interrupts;
   const Paint paint(STDOUT_FILENO);
@@ -113,6 +135,7 @@ void RunDemo(Context& context) {
   ShowReading(tour, demo.Directory());
   ShowWriting(tour, demo.Directory());
   ShowChanges(tour);
+  ShowMount(tour, demo);
   tour.Say("For your own account: `vormlane login`, then the same commands.");
 }
 

@@ -2,6 +2,9 @@
 // is signed in to it.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "host/cli/context.h"
 #include "host/cli/emulator_process.h"
 
@@ -17,6 +20,9 @@ class DemoDrive {
 
   EmulatorProcess& Emulator() { return emulator; }
   const std::filesystem::path& Directory() const { return directory.Path(); }
+  /// Variables with which another process of this program works on the demo drive as well, given
+  /// `--profile demo`.
+  std::vector<std::string> Environment() const;
 
  private:
   Context& context;
