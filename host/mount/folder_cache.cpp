@@ -129,9 +129,12 @@ int FolderCache::ListAndMerge(Inode folder) {
   if (id.empty()) return 0;
   std::vector<RemoteItem> listed;
   if (const AERROR code = remote.List(id, listed); code != AERROR::SUCCESS) return ErrnoOf(code);
-  // Without an account the drive's top has a nameless root folder in it.
-  for (const RemoteItem& item : listed)
-    if (item.id.empty()) return EIO;
+  // The drive's top may hold a root folder that could not be read at the connection: its record is
+  // neither file nor folder then, and is asked for again.
+  for (RemoteItem& item : listed) {
+    if (!item.id.empty() && (item.attributes & (kFsFile | kFsFolder)) != 0) continue;
+    if (item.id.empty() || remote.Info(item.id, item) != AERROR::SUCCESS) return EIO;
+  }
   Notices notices;
   {
     std::lock_guard lock(state.mutex);

@@ -136,7 +136,6 @@ void ListingMerge::Refresh(Item item, const RemoteItem& record) {
   TakeName(item, record);
   TakeVersion(item, record);
   item.otherParents = Others(record, item.remoteParent);
-  item.attributes = record.attributes;
   state.items.Update(item);
   if (before.name != item.name) {
     notices.push_back({Notice::kEntry, item.parent, before.name});

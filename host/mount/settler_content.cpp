@@ -48,8 +48,10 @@ std::string HostName() {
 
 ContentPtr Settler::OpenContent(int64_t number) {
   std::lock_guard lock(state.mutex);
-  const std::optional<ContentRow> row = state.contents.Find(number);
-  return row ? store.Open(*row) : nullptr;
+  std::optional<ContentRow> row = state.contents.Find(number);
+  if (!row) return nullptr;
+  row->dirty = true;  // what is owed is never begun anew, whatever its row says
+  return store.Open(*row);
 }
 
 bool Settler::Hash(const ContentPtr& content, uint64_t writes, std::string& hash) {
