@@ -46,3 +46,9 @@ target_compile_options(uws PRIVATE -fno-sanitize=undefined)
 # It deletes its polls through a base class without a virtual destructor, so the size that a sized
 # deallocation would pass is not the size that was allocated.
 target_compile_options(uws PUBLIC $<$<COMPILE_LANGUAGE:CXX>:-fno-sized-deallocation>)
+
+if(NOT VORMLANE_LIBRARY_ONLY)
+  # cpp-httplib with the definitions that Debian compiled it with: they shape its classes, and the
+  # tests link the emulator with the host.
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+endif()
