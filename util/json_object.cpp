@@ -97,7 +97,7 @@ JsonObject& JsonObject::operator=(const std::string& value) {
 }
 
 JsonObject& JsonObject::operator=(const JsonObject& value) {
-  if (value.node == node) return *this;
+  if (this == &value) return *this;
   Json::Value copy = *value.node;  // the value may be a part of what it replaces
   *node = std::move(copy);
   return *this;
