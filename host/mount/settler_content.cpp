@@ -262,7 +262,8 @@ void Settler::NoteSentLocked(Inode ino, const std::string& id, const RemoteItem&
   row->baseSize = record.size;
   row->tries = 0;
   row->error.clear();
-  if (row->generation == generation && row->content != 0) {
+  // Struck out only when the service holds as many bytes as the last commit had.
+  if (row->generation == generation && row->content != 0 && record.size == item->size) {
     KeepAsCache(*item, *row);
     row->content = 0;
   }
