@@ -44,8 +44,10 @@ AERROR GoogleDrive::Read(const char* id, long long offset, long long length,
   if (id == nullptr || callback == nullptr || offset < 0 || length < 0) {
     return AERROR::FILE_READ_FAILED;
   }
+  const bool isInline = handle && !handle->content.empty();
+  if (!isInline && !Auth()) return AERROR::FAILED;
   const AERROR code = Guarded([&] {
-    if (handle && !handle->content.empty()) {
+    if (isInline) {
       return ReadInline(handle->content, offset, length, callback);
     }
     // A range of no bytes cannot be written down; the service would send the whole file.

@@ -80,7 +80,7 @@ TEST_F(SessionTest, NothingIsAskedBeforeConnect) {
   EXPECT_EQ(fresh->CreateDirectory("id", &record, nullptr), AERROR::FAILED);
   EXPECT_EQ(fresh->Delete(&record, nullptr), AERROR::FAILED);
   EXPECT_EQ(fresh->SetFileTime("id", "", "", "", &record, nullptr), AERROR::FAILED);
-  EXPECT_EQ(fresh->Read("id", 0, 1, handle, &fetched, nullptr), AERROR::FILE_READ_FAILED);
+  EXPECT_EQ(fresh->Read("id", 0, 1, handle, &fetched, nullptr), AERROR::FAILED);
   EXPECT_EQ(fresh->Upload("id", handle, &cache, &record, kUploadDefault, nullptr), AERROR::FAILED);
   EXPECT_EQ(fresh->GetChanges(&sink, nullptr), AERROR::FAILED);
   EXPECT_EQ(fresh->SetChangesCallback(&sink), AERROR::FAILED);
