@@ -15,7 +15,7 @@ constexpr int kFetchThreads = 32;
 constexpr int kReadAheadThreads = 20;
 constexpr Milliseconds kHousekeeping{2000};
 constexpr Milliseconds kReconnect{5000};
-constexpr int64_t kQuotaAgeSeconds = 60;
+constexpr std::chrono::seconds kQuotaAge{60};
 
 }  // namespace
 
@@ -50,6 +50,7 @@ Drive::Drive(IProtocol_V2& protocol, ChangeRelay& changes, const std::filesystem
   std::lock_guard lock(state.mutex);
   quota.total = std::strtoull(state.Value("quota.total").c_str(), nullptr, 10);
   quota.used = std::strtoull(state.Value("quota.used").c_str(), nullptr, 10);
+  for (const Inode ino : state.Pins()) toKeep.insert(ino);
 }
 
 Drive::~Drive() { Stop(); }
@@ -106,38 +107,58 @@ void Drive::Changed(const Notices& notices) {
   for (const Notice& notice : notices)
     if (notice.kind == Notice::kVersion) files.Outdated(notice.ino);
   queue.TakeUp();
+  NotePinned(notices);
   if (Observer* kernel = observer) kernel->Changed(notices);
 }
 
-void Drive::Poll() { remote.Changes(relay); }
+/// What came to be, or came to be another version, where something is pinned.
+void Drive::NotePinned(const Notices& notices) {
+  std::vector<Inode> pinned;
+  {
+    std::lock_guard held(state.mutex);
+    for (const Notice& notice : notices) {
+      if (!state.IsPinned(notice.ino)) continue;
+      const bool entry = notice.kind == Notice::kEntry;
+      const std::optional<Item> item =
+          entry ? state.items.FindChild(notice.ino, notice.name) : state.items.Find(notice.ino);
+      if (item) pinned.push_back(item->ino);
+    }
+  }
+  std::lock_guard lock(mutex);
+  toKeep.insert(pinned.begin(), pinned.end());
+}
+
+bool Drive::Poll() { return remote.Changes(relay) == AERROR::SUCCESS; }
 
 bool Drive::Connected() {
   std::lock_guard lock(mutex);
-  return connected;
+  return connected && reachable;
 }
 
 void Drive::Follow(std::function<bool()> connect) {
-  int64_t quotaAt = 0;
   std::unique_lock lock(mutex);
   while (!stopping) {
-    if (!connected) {
-      lock.unlock();
-      const bool reached = connect();
-      lock.lock();
-      connected = reached;
-      if (reached) queue.Hurry();
-      if (!reached) wake.wait_for(lock, kReconnect, [this] { return stopping; });
-      continue;
-    }
+    const bool known = connected;
+    const bool missed = !connected || !reachable;
     lock.unlock();
-    Poll();
-    if (NowSeconds() - quotaAt >= kQuotaAgeSeconds) {
-      AskQuota();
-      quotaAt = NowSeconds();
-    }
+    const bool joined = known || connect();
+    const bool reached = joined && FollowOnce();
+    // What failed for want of a network is not to wait for its turn.
+    if (reached && missed) queue.Hurry();
     lock.lock();
-    wake.wait_for(lock, settings.poll, [this] { return stopping; });
+    connected = joined;
+    reachable = reached;
+    wake.wait_for(lock, joined ? settings.poll : kReconnect, [this] { return stopping; });
   }
+}
+
+bool Drive::FollowOnce() {
+  const bool reached = Poll();
+  if (reached && Clock::now() >= quotaDue) {
+    AskQuota();
+    quotaDue = Clock::now() + kQuotaAge;
+  }
+  return reached;
 }
 
 void Drive::AskQuota() {
@@ -159,54 +180,89 @@ Drive::Quota Drive::RememberedQuota() {
   return quota;
 }
 
+Drive::Rates Drive::CurrentRates() {
+  std::lock_guard lock(mutex);
+  return rates;
+}
+
+void Drive::MeasureRates() {
+  const Rates now{remote.Counted().down, remote.Counted().up};
+  std::lock_guard lock(mutex);
+  const auto passed = std::chrono::duration<double>(Clock::now() - measured).count();
+  measured = Clock::now();
+  rates.down = static_cast<int64_t>(static_cast<double>(now.down - counted.down) / passed);
+  rates.up = static_cast<int64_t>(static_cast<double>(now.up - counted.up) / passed);
+  counted = now;
+}
+
 void Drive::Housekeep() {
   std::unique_lock lock(mutex);
   while (!stopping) {
-    const bool fetch = std::exchange(pinsChanged, false);
+    keepNow = false;
     lock.unlock();
     try {
+      MeasureRates();
       store.SaveMaps();
       store.MakeRoom();
-      if (fetch) FetchPinned();
+      if (Connected()) FetchPinned();
     } catch (const std::exception&) {
       // The disk refuses for now; nothing that is done here is needed at once.
     }
     lock.lock();
-    wake.wait_for(lock, kHousekeeping, [this] { return stopping; });
+    wake.wait_for(lock, kHousekeeping, [this] { return stopping || keepNow; });
   }
 }
 
 int Drive::Pin(Inode ino, bool pinned) {
-  Item item;
-  if (const int error = tree.Get(ino, item)) return error;
   {
-    std::lock_guard lock(state.mutex);
-    state.Change([&] { state.Pin(ino, pinned); });
+    std::lock_guard held(state.mutex);
+    const std::optional<Item> item = state.items.Find(ino);
+    if (!item || item->deleted) return ENOENT;
+    state.Change([&] { pinned ? state.Pin(ino, true) : Unpin(*item); });
   }
-  if (item.IsFolder()) {
-    std::vector<Item> below;
-    if (const int error = tree.List(ino, below)) return error;
-    for (const Item& child : below)
-      if (const int error = Pin(child.ino, pinned)) return error;
+  {
+    std::lock_guard lock(mutex);
+    if (pinned) toKeep.insert(ino);
+    keepNow = true;
   }
-  std::lock_guard lock(mutex);
-  pinsChanged = true;
+  wake.notify_all();
   return 0;
 }
 
+void Drive::Unpin(const Item& item) {
+  state.Pin(item.ino, false);
+  if (!item.IsFolder()) return;
+  for (const Item& child : state.items.Children(item.ino)) Unpin(child);
+}
+
+int Drive::PinBelow(Inode folder) {
+  std::vector<Item> below;
+  if (const int error = tree.List(folder, below)) return error;
+  for (const Item& child : below) Pin(child.ino, true);
+  return 0;
+}
+
+/// Fetches what is pinned and not there. What cannot be had now is tried again with the next
+/// housekeeping.
 void Drive::FetchPinned() {
-  std::vector<Inode> pins;
+  std::set<Inode> wanted;
   {
-    std::lock_guard lock(state.mutex);
-    pins = state.Pins();
+    std::lock_guard lock(mutex);
+    wanted.swap(toKeep);
   }
-  for (const Inode ino : pins) {
+  for (const Inode ino : wanted) {
     Item item;
+    bool pinned = false;
     {
-      std::lock_guard lock(mutex);
-      if (stopping) return;
+      std::lock_guard lock(state.mutex);
+      pinned = state.IsPinned(ino);
     }
-    if (tree.Get(ino, item) == 0 && !item.IsFolder() && !item.IsMadeUp()) files.Keep(ino);
+    if (!pinned || tree.Get(ino, item) != 0) continue;
+    if (item.IsMadeUp() && !item.IsFolder()) continue;
+    const int error = item.IsFolder() ? PinBelow(ino) : files.Keep(ino);
+    std::lock_guard lock(mutex);
+    if (stopping) return;
+    if (error != 0) toKeep.insert(ino);
   }
 }
 

@@ -4,10 +4,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -48,15 +50,21 @@ class Drive final : private Observer {
   void Stop();
   void SetKernel(Observer* kernel) { observer = kernel; }
 
-  /// Polls once, now.
-  void Poll();
-  /// Keeps an item, and all below it, on the local disk. A positive errno or 0.
+  /// Polls once, now. False when the service did not answer.
+  bool Poll();
+  /// Keeps an item, and all below it, on the local disk; what is missing is fetched in the
+  /// background. A positive errno or 0.
   int Pin(Inode ino, bool pinned);
 
   struct Quota {
     uint64_t total = 0, used = 0;  ///< bytes; 0: never known
   };
   Quota RememberedQuota();
+  struct Rates {
+    int64_t down = 0, up = 0;  ///< bytes per second, of the last few seconds
+  };
+  Rates CurrentRates();
+  /// False while the service does not answer.
   bool Connected();
 
   const Settings settings;
@@ -76,12 +84,19 @@ class Drive final : private Observer {
   Files files;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   void Changed(const Notices& notices) override;
   void TakeRoot(const std::string& rootId);
   void Follow(std::function<bool()> connect);
+  bool FollowOnce();
   void Housekeep();
+  void MeasureRates();
   void AskQuota();
+  void NotePinned(const Notices& notices);
   void FetchPinned();
+  int PinBelow(Inode folder);
+  void Unpin(const Item& item);
 
   ChangeRelay& relay;
   std::atomic<Observer*> observer{nullptr};
@@ -89,8 +104,13 @@ class Drive final : private Observer {
   std::condition_variable wake;
   bool stopping = false;
   bool connected = true;
-  bool pinsChanged = true;
+  bool reachable = true;   // the last question was answered
+  std::set<Inode> toKeep;  // pinned items of which something may be missing
+  bool keepNow = false;    // somebody has just pinned something
   Quota quota;
+  Rates rates, counted;  // `counted`: bytes so far
+  Clock::time_point measured = Clock::now();
+  Clock::time_point quotaDue{};  // the follower's own
   std::thread follower, housekeeper;
 };
 

@@ -299,6 +299,18 @@ void Files::Release(std::unique_ptr<OpenFile> file) {
   if (file->writes) owed.Committed(file->node->ino, false);
 }
 
+void Files::CommitAll() {
+  std::vector<NodePtr> open;
+  {
+    std::lock_guard lock(mutex);
+    for (const auto& [ino, node] : nodes) open.push_back(node);
+  }
+  for (const NodePtr& node : open) {
+    std::lock_guard lock(node->mutex);
+    Commit(*node);
+  }
+}
+
 void Files::Overlay(Item& item) {
   const NodePtr node = Find(item.ino);
   if (!node || !node->changed) return;

@@ -82,6 +82,8 @@ class Files {
   int Flush(OpenFile& file);
   int Fsync(OpenFile& file);
   void Release(std::unique_ptr<OpenFile> file);
+  /// As if everything that is open were closed now: the mount ends, nobody will close it any more.
+  void CommitAll();
 
   /// Size and time as programs must see them while the file is being written.
   void Overlay(Item& item);

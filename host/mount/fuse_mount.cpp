@@ -1,18 +1,13 @@
 #include "host/mount/fuse_mount.h"
 
+#include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "host/core/failure.h"
+#include "host/core/interrupt.h"
 
 namespace host::mount {
 namespace fs = std::filesystem;
@@ -20,6 +15,7 @@ namespace {
 
 constexpr int kThreads = 128;
 constexpr int kIdleThreads = 16;
+constexpr Milliseconds kBetweenSignals{20};
 
 /// libfuse takes its options as a program's arguments.
 class Arguments {
@@ -46,47 +42,11 @@ class Arguments {
   throw Failure("cannot mount at " + folder.string() + ": " + why, advice);
 }
 
-/// Takes a mount away for a user who is not root.
-bool RunFusermount(const fs::path& folder) {
-  const char* const arguments[] = {"fusermount3", "-uz", folder.c_str(), nullptr};
-  pid_t child = 0;
-  if (posix_spawnp(&child, arguments[0], nullptr, nullptr, const_cast<char* const*>(arguments),
-                   environ) != 0)
-    return false;
-  int status = 0;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 struct LoopFree {
   void operator()(fuse_loop_config* config) const { fuse_loop_cfg_destroy(config); }
 };
 
 }  // namespace
-
-bool PrepareMountPoint(const fs::path& folder) {
-  struct stat status {};
-  // The kernel may still remember a dead mount's attributes, but not its room.
-  struct statvfs room {};
-  const bool stale = statvfs(folder.c_str(), &room) != 0 && errno == ENOTCONN;
-  if (stale) {
-    if (umount2(folder.c_str(), MNT_DETACH) != 0 && !RunFusermount(folder))
-      Refuse(folder, "a mount that was left there cannot be taken away",
-             "run `fusermount3 -uz` on it");
-  }
-  if (stat(folder.c_str(), &status) != 0)
-    Refuse(folder, std::strerror(errno), "make the folder first");
-  if (!S_ISDIR(status.st_mode)) Refuse(folder, "it is no folder", "name a folder");
-  struct stat above {};
-  if (stat((folder / "..").c_str(), &above) == 0 && above.st_dev != status.st_dev)
-    Refuse(folder, "something is mounted there already", "run `vormlane unmount` first");
-  std::error_code error;
-  if (!fs::is_empty(folder, error) || error)
-    Refuse(folder, "it is not empty", "use an empty folder, what is in it would be hidden");
-  if (access("/dev/fuse", R_OK | W_OK) != 0)
-    Refuse(folder, std::string("/dev/fuse: ") + std::strerror(errno),
-           "this machine needs FUSE for it; the other commands work without");
-  return stale;
-}
 
 FuseMount::FuseMount(Drive& mounted, const fs::path& place)
     : drive(mounted), folder(place), context{mounted, {getuid(), getgid()}} {
@@ -103,40 +63,63 @@ FuseMount::FuseMount(Drive& mounted, const fs::path& place)
 }
 
 FuseMount::~FuseMount() {
-  drive.SetKernel(nullptr);
-  {
-    std::lock_guard lock(mutex);
-    ending = true;
-  }
-  wake.notify_all();
+  StopTelling();
   fuse_session_unmount(session.get());
-  teller.join();
 }
 
 void FuseMount::Serve() {
-  fuse_set_signal_handlers(session.get());
-  {
-    std::lock_guard lock(mutex);
-    server = pthread_self();
-    serving = true;
+  const InterruptWatch interrupts;
+  std::thread loop([this] { Loop(); });
+  while (!ending && !InterruptWatch::WaitFor(-1)) {
   }
+  // While programs are served: a notice may have to wait for one of them in the kernel, and the
+  // kernel does not give up a mount that somebody is telling something.
+  StopTelling();
+  StopLoop(loop);
+  // Who still asks is answered by the kernel from here on.
+  fuse_session_unmount(session.get());
+}
+
+void FuseMount::Loop() {
   const std::unique_ptr<fuse_loop_config, LoopFree> config(fuse_loop_cfg_create());
   fuse_loop_cfg_set_max_threads(config.get(), kThreads);
   fuse_loop_cfg_set_idle_threads(config.get(), kIdleThreads);
   fuse_session_loop_mt(session.get(), config.get());
   {
     std::lock_guard lock(mutex);
-    serving = false;
+    served = true;
   }
-  fuse_remove_signal_handlers(session.get());
+  wake.notify_all();
+  End();  // unmounted by somebody else
+}
+
+void FuseMount::StopLoop(std::thread& loop) {
+  // libfuse looks whether its loop is over when a signal reaches the thread that waits there. One
+  // that comes a moment before the wait is lost, so there is another.
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &action, nullptr);
+  fuse_session_exit(session.get());
+  std::unique_lock lock(mutex);
+  do pthread_kill(loop.native_handle(), SIGUSR1);
+  while (!wake.wait_for(lock, kBetweenSignals, [this] { return served; }));
+  lock.unlock();
+  loop.join();
 }
 
 void FuseMount::End() {
-  fuse_session_exit(session.get());
-  // Asking the own mount for something would wake the loop too, and wait for itself for ever when
-  // nobody serves any more.
-  std::lock_guard lock(mutex);
-  if (serving) pthread_kill(server, SIGTERM);
+  ending = true;
+  InterruptWatch::Wake();
+}
+
+void FuseMount::StopTelling() {
+  drive.SetKernel(nullptr);
+  {
+    std::lock_guard lock(mutex);
+    silent = true;
+  }
+  wake.notify_all();
+  if (teller.joinable()) teller.join();
 }
 
 void FuseMount::Changed(const Notices& notices) {
@@ -144,14 +127,14 @@ void FuseMount::Changed(const Notices& notices) {
     std::lock_guard lock(mutex);
     waiting.insert(waiting.end(), notices.begin(), notices.end());
   }
-  wake.notify_one();
+  wake.notify_all();
 }
 
 void FuseMount::TellKernel() {
   std::unique_lock lock(mutex);
   for (;;) {
-    wake.wait(lock, [this] { return ending || !waiting.empty(); });
-    if (ending) return;
+    wake.wait(lock, [this] { return silent || !waiting.empty(); });
+    if (silent) return;
     const Notice notice = std::move(waiting.front());
     waiting.pop_front();
     lock.unlock();

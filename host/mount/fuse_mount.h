@@ -2,8 +2,8 @@
 #pragma once
 
 #include <fuse_lowlevel.h>
-#include <pthread.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
@@ -15,11 +15,6 @@
 
 namespace host::mount {
 
-/// Throws Failure, in words for the user, when nothing can be mounted at the folder: it is
-/// missing, no folder, not empty, or busy. A mount left there by a host that was killed is taken
-/// away first; true when there was one.
-bool PrepareMountPoint(const std::filesystem::path& folder);
-
 class FuseMount final : private Observer {
  public:
   /// Mounted when it returns. Throws Failure.
@@ -29,7 +24,8 @@ class FuseMount final : private Observer {
   FuseMount(const FuseMount&) = delete;
   FuseMount& operator=(const FuseMount&) = delete;
 
-  /// Serves programs until the folder is unmounted, End is called, or the process is told to end.
+  /// Serves programs until the folder is unmounted, End is called, or the process is told to end;
+  /// the folder is nobody's then. To be called once.
   void Serve();
   /// Any thread.
   void End();
@@ -40,7 +36,10 @@ class FuseMount final : private Observer {
   };
 
   void Changed(const Notices& notices) override;
+  void Loop();
+  void StopLoop(std::thread& loop);
   void TellKernel();
+  void StopTelling();
   void Tell(const Notice& notice);
 
   Drive& drive;
@@ -50,9 +49,9 @@ class FuseMount final : private Observer {
   std::mutex mutex;  // guards what is below
   std::condition_variable wake;
   std::deque<Notice> waiting;
-  bool ending = false;
-  bool serving = false;
-  pthread_t server{};
+  bool silent = false;  // nothing more is told
+  bool served = false;  // the loop is over
+  std::atomic<bool> ending{false};
   std::thread teller;  // the kernel may answer a notice by asking us: never from its own threads
 };
 

@@ -3,14 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
-#include <thread>
+#include <memory>
+#include <optional>
 
 #include "host/cli/progress_bar.h"
 #include "host/cli/terminal.h"
 #include "host/core/interrupt.h"
 #include "host/core/json_text.h"
+#include "host/mount/mount_point.h"
 #include "host/mount/mount_process.h"
 #include "host/mount/mount_service.h"
 
@@ -33,67 +35,114 @@ Json::Value Request(const std::string& command) {
                 "mount it with `vormlane mount DIR`");
 }
 
-/// The last answer; throws when there is no mount or it says that it failed.
-Json::Value Ask(const Context& context, const Json::Value& request,
-                const std::function<void(const Json::Value&)>& progress = nullptr) {
+/// The last answer; nothing when there is no mount. Throws when it says that it failed.
+std::optional<Json::Value> AskIfMounted(
+    const Context& context, const Json::Value& request,
+    const std::function<void(const Json::Value&)>& progress = nullptr) {
   Json::Value last;
   const bool done = AskMount(SocketOf(context.Paths()), request, [&](const Json::Value& answer) {
     last = answer;
     if (progress && !answer.isMember("done")) progress(answer);
   });
-  if (!done && last.isNull()) NothingMounted(context);
+  if (!done && last.isNull()) return std::nullopt;
   if (!done) throw Failure("the mount has ended", "look at `vormlane status`");
   if (last.isMember("error"))
     throw Failure(request["command"].asString() + ": " + last["error"].asString());
   return last;
 }
 
-/// One line that follows how many changes are left to send.
-class PendingLine {
+Json::Value Ask(const Context& context, const Json::Value& request,
+                const std::function<void(const Json::Value&)>& progress = nullptr) {
+  const std::optional<Json::Value> last = AskIfMounted(context, request, progress);
+  if (!last) NothingMounted(context);
+  return *last;
+}
+
+/// How far the uploads are that somebody waits for: a bar where there are bytes to send, else how
+/// many changes are left; and once, what is in their way.
+class DrainProgress {
  public:
-  ~PendingLine() {
-    if (shown) std::fputs("\r\033[K", stderr);
-  }
+  ~DrainProgress() { Clear(); }
+
   void Show(const Json::Value& progress) {
-    if (!IsTerminal(STDERR_FILENO)) return;
-    int64_t total = 0;
-    int64_t done = 0;
-    for (const Json::Value& transfer : progress["transfers"]) {
-      total += transfer["bytes"].asInt64();
-      done += transfer["done"].asInt64();
+    int64_t left = progress["pendingBytes"].asInt64();
+    for (const Json::Value& upload : progress["uploads"]) left -= upload["done"].asInt64();
+    left = std::max<int64_t>(left, 0);
+    Warn(progress["trouble"].asString());
+    if (left > total) {
+      Clear();
+      total = left;
+      bar = std::make_unique<ProgressBar>("Sending", total);
     }
-    std::string line = std::to_string(progress["pending"].asInt64()) + " changes to send";
-    if (total > 0) line += ", " + HumanBytes(done) + " of " + HumanBytes(total) + " under way";
-    std::fprintf(stderr, "\r\033[K%s", line.c_str());
+    if (bar) return bar->Update(total - left);
+    if (!IsTerminal(STDERR_FILENO)) return;
+    std::fprintf(stderr, "\r\033[K%s changes to send",
+                 std::to_string(progress["pending"].asInt64()).c_str());
     std::fflush(stderr);
-    shown = true;
+    line = true;
   }
 
  private:
-  bool shown = false;
+  void Warn(const std::string& trouble) {
+    if (trouble.empty() || trouble == warned) return;
+    Clear();
+    std::fprintf(stderr, "vormlane: still trying: %s\n", Printable(trouble).c_str());
+    warned = trouble;
+  }
+  void Clear() {
+    bar.reset();
+    total = 0;
+    if (line) std::fputs("\r\033[K", stderr);
+    line = false;
+  }
+
+  std::unique_ptr<ProgressBar> bar;
+  int64_t total = 0;  // bytes that the bar is of
+  bool line = false;
+  std::string warned;
 };
 
 void RunDrain(Context& context) {
-  PendingLine line;
-  Ask(context, Request("drain"), [&](const Json::Value& progress) { line.Show(progress); });
+  DrainProgress shown;
+  Ask(context, Request("drain"), [&](const Json::Value& progress) { shown.Show(progress); });
+}
+
+void CheckFolder(const fs::path& given, const fs::path& mounted) {
+  if (!given.empty() && fs::absolute(given).lexically_normal() != mounted)
+    throw Failure("the profile is mounted at " + mounted.string() + ", not at " + given.string(),
+                  "name that folder");
+}
+
+/// A mount whose host does not answer any more: killed while the kernel had it wait, or stuck.
+bool TakeAwayDeadMount(const fs::path& folder) {
+  const fs::path place = fs::absolute(folder).lexically_normal();
+  if (folder.empty() || !mount::IsOwnMount(place)) return false;
+  if (!mount::TearDown(place))
+    throw Failure("a dead mount at " + place.string() + " cannot be taken away",
+                  "run `fusermount3 -uz` on it");
+  std::fprintf(stderr, "vormlane: a dead mount at %s was taken away\n", place.c_str());
+  return true;
 }
 
 void RunUnmount(Context& context, const fs::path& folder, bool now) {
   Json::Value request = Request("unmount");
   request["now"] = now;
-  const Json::Value status = Ask(context, Request("status"));
-  const fs::path mounted = status["mount"].asString();
-  if (!folder.empty() && fs::absolute(folder).lexically_normal() != mounted)
-    throw Failure("the profile is mounted at " + mounted.string() + ", not at " + folder.string(),
-                  "name that folder");
-  PendingLine line;
+  std::optional<Json::Value> status;
+  try {
+    status = AskIfMounted(context, Request("status"));
+  } catch (const Failure&) {
+    if (!now) throw;
+  }
+  if (!status) {
+    if (now && TakeAwayDeadMount(folder)) return;
+    NothingMounted(context);
+  }
+  CheckFolder(folder, (*status)["mount"].asString());
+  DrainProgress shown;
   const Json::Value last =
-      Ask(context, request, [&](const Json::Value& progress) { line.Show(progress); });
-  if (const int64_t left = last["pending"].asInt64(); left > 0)
-    std::fprintf(stderr,
-                 "vormlane: %lld changes are not on the service yet; they are safe on this "
-                 "machine and are sent after the next mount\n",
-                 static_cast<long long>(left));
+      Ask(context, request, [&](const Json::Value& progress) { shown.Show(progress); });
+  mount::AwaitEnd(context.Paths());
+  mount::SayWhatIsLeft(last["pending"].asInt64());
 }
 
 void RunPin(Context& context, const std::string& given, bool pinned) {
@@ -108,14 +157,18 @@ void RunPin(Context& context, const std::string& given, bool pinned) {
   Ask(context, request);
 }
 
-std::string TransferLines(const Json::Value& status) {
+std::string TransferLines(const Json::Value& transfers) {
   std::string text;
-  for (const Json::Value& transfer : status["transfers"]) {
+  for (const Json::Value& transfer : transfers) {
     const int64_t bytes = std::max<int64_t>(transfer["bytes"].asInt64(), 1);
     text += "  " + PadLeft(std::to_string(transfer["done"].asInt64() * 100 / bytes) + " %", 6) +
             "  " + Printable(transfer["name"].asString()) + "  (" + HumanBytes(bytes) + ")\n";
   }
   return text;
+}
+
+std::string Rate(const Json::Value& bytesPerSecond) {
+  return bytesPerSecond.asInt64() == 0 ? "" : " (" + HumanBytes(bytesPerSecond.asInt64()) + "/s)";
 }
 
 std::string WaitingLines(const Json::Value& status, const Paint& paint) {
@@ -137,9 +190,11 @@ std::string StatusText(const Json::Value& status, const Paint& paint) {
   text += "  cache          " + HumanBytes(cache["bytes"].asInt64()) + " of " +
           HumanBytes(cache["limit"].asInt64()) + "\n";
   text += "  known items    " + std::to_string(status["items"].asInt64()) + "\n";
-  text += "  transferred    " + HumanBytes(status["bytesDown"].asInt64()) + " down, " +
-          HumanBytes(status["bytesUp"].asInt64()) + " up\n";
-  if (!status["transfers"].empty()) text += "sending\n" + TransferLines(status);
+  text += "  transferred    " + HumanBytes(status["bytesDown"].asInt64()) + " down" +
+          Rate(status["bytesDownPerSecond"]) + ", " + HumanBytes(status["bytesUp"].asInt64()) +
+          " up" + Rate(status["bytesUpPerSecond"]) + "\n";
+  if (!status["uploads"].empty()) text += "sending\n" + TransferLines(status["uploads"]);
+  if (!status["downloads"].empty()) text += "fetching\n" + TransferLines(status["downloads"]);
   if (!status["waiting"].empty()) text += "waiting\n" + WaitingLines(status, paint);
   if (!status["events"].empty()) text += "lately\n";
   for (const Json::Value& event : status["events"])

@@ -9,25 +9,29 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/core/interrupt.h"
 #include "host/mount/fuse_mount.h"
+#include "host/mount/mount_point.h"
 #include "host/mount/mount_service.h"
 
 namespace host::mount {
 namespace {
+
+std::filesystem::path LockOf(const ProfilePaths& paths) { return paths.data / "mount.lock"; }
 
 /// One host at a time on a profile: two would not know of each other's pending changes.
 class ProfileLock {
  public:
   explicit ProfileLock(const ProfilePaths& paths) {
     MakePrivateDirectory(paths.data);
-    const std::filesystem::path file = paths.data / "mount.lock";
+    const std::filesystem::path file = LockOf(paths);
     descriptor = Descriptor(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (descriptor.Get() < 0)
       throw Failure("cannot open " + file.string() + ": " + std::strerror(errno),
                     "check who owns it");
     if (flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0)
       throw Failure("the profile \"" + paths.name + "\" is mounted already",
-                    "see `vormlane status`, or use another profile");
+                    "see `vormlane status`, use another profile, or `vormlane unmount` first");
   }
 
  private:
@@ -116,14 +120,9 @@ void StartPush(Session& session, ChangeRelay& relay) {
     session.Log().Error(session.Failed("no pushed changes", code).what());
 }
 
-void SayWhatIsLeft(Drive& drive) {
+int64_t Left(Drive& drive) {
   std::lock_guard lock(drive.state.mutex);
-  const int64_t left = drive.state.journal.Count();
-  if (left == 0) return;
-  std::fprintf(stderr,
-               "vormlane: %lld changes are not on the service yet; they are safe on this machine "
-               "and are sent after the next mount\n",
-               static_cast<long long>(left));
+  return drive.state.journal.Count();
 }
 
 void Serve(Context& context, const MountOptions& options, Starter& starter) {
@@ -141,6 +140,7 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
   const std::string rootId = FirstConnect(session, connected);
   Drive drive(session.Drive(), relay, paths.Database(), paths.data / "contents", rootId,
               options.settings);
+  const InterruptWatch interrupts;  // from here on, ending leaves no dead mount
   FuseMount mounted(drive, options.folder);
   MountService service(drive, options.folder, [&] { mounted.End(); });
   const auto handle = [&](const Json::Value& request, const StatusServer::Send& send) {
@@ -157,13 +157,30 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
   });
   starter.Ready();
   mounted.Serve();
+  drive.files.CommitAll();
   drive.Stop();
-  SayWhatIsLeft(drive);
+  SayWhatIsLeft(Left(drive));
 }
 
 }  // namespace
 
 std::filesystem::path SocketOf(const ProfilePaths& paths) { return paths.runtime / "mount.sock"; }
+
+void SayWhatIsLeft(int64_t changes) {
+  if (changes == 0) return;
+  const bool one = changes == 1;
+  std::fprintf(stderr,
+               "vormlane: %s not on the service yet; %s safe on this machine and %s sent after the "
+               "next mount\n",
+               (std::to_string(changes) + (one ? " change is" : " changes are")).c_str(),
+               one ? "it is" : "they are", one ? "is" : "are");
+}
+
+void AwaitEnd(const ProfilePaths& paths) {
+  const Descriptor lock(open(LockOf(paths).c_str(), O_RDWR | O_CLOEXEC));
+  while (lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) != 0 && errno == EINTR) {
+  }
+}
 
 void RunMount(Context& context, const MountOptions& options) {
   Starter starter(options.foreground);

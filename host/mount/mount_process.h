@@ -18,6 +18,13 @@ struct MountOptions {
 /// Where a profile's mount listens.
 std::filesystem::path SocketOf(const ProfilePaths& paths);
 
+/// What a user whose changes are not all on the service is told at the end of a mount; nothing
+/// when all are.
+void SayWhatIsLeft(int64_t changes);
+
+/// Waits until the host of the profile's mount has ended.
+void AwaitEnd(const ProfilePaths& paths);
+
 /// Mounts and serves until unmounted. In the background it returns once the folder can be used,
 /// and the mount lives on in a process of its own. Throws Failure.
 void RunMount(Context& context, const MountOptions& options);

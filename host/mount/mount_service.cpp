@@ -1,6 +1,9 @@
 #include "host/mount/mount_service.h"
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
+#include <thread>
 
 #include "host/core/json_text.h"
 #include "host/mount/times.h"
@@ -10,6 +13,8 @@ namespace {
 
 /// How often a waiting client hears how far it is.
 constexpr Milliseconds kProgress{200};
+/// How long `unmount` waits for programs to close their files.
+constexpr Milliseconds kClosing{2000};
 /// Rows that `status` shows one by one.
 constexpr size_t kShownRows = 100;
 
@@ -23,6 +28,13 @@ Json::Value Failed(const std::string& why) {
   Json::Value answer = Done();
   answer["error"] = why;
   return answer;
+}
+
+/// Bytes that are there of a file that is being fetched; nothing when it is not.
+std::optional<int64_t> FetchedSoFar(Content& content) {
+  std::lock_guard lock(content.mutex);
+  if (content.fetches.empty()) return std::nullopt;
+  return std::min(content.pages.PresentPages() * kPageBytes, content.Size());
 }
 
 }  // namespace
@@ -44,18 +56,47 @@ void MountService::Handle(const Json::Value& request, const StatusServer::Send& 
   }
 }
 
+/// How far the uploads are, and what keeps the first of those that fail.
+Json::Value MountService::Progress() {
+  Json::Value progress;
+  progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
+  progress["uploads"] = Uploads();
+  std::lock_guard lock(drive.state.mutex);
+  progress["pendingBytes"] = static_cast<Json::Int64>(drive.state.contents.DirtyBytes());
+  for (const JournalRow& row : drive.state.journal.All()) {
+    if (row.error.empty()) continue;
+    const std::optional<Item> item = drive.state.items.Find(row.ino);
+    progress["trouble"] = "\"" + (item ? item->name : "") + "\": " + row.error;
+    break;
+  }
+  return progress;
+}
+
 bool MountService::Drain(const StatusServer::Send& send) {
-  while (!drive.queue.Drain(kProgress)) {
-    Json::Value progress;
-    progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
-    progress["transfers"] = Status()["transfers"];
-    if (!send(progress)) return false;
+  while (!drive.queue.Drain(kProgress))
+    if (!send(Progress())) return false;
+  return true;
+}
+
+/// A program's last close comes a moment after it has gone on.
+bool MountService::AwaitClosed(const StatusServer::Send& send) {
+  for (auto left = kClosing; drive.files.OpenCount() > 0; left -= kProgress) {
+    if (left <= Milliseconds(0)) return false;
+    std::this_thread::sleep_for(kProgress);
+    if (!send(Progress())) return false;
   }
   return true;
 }
 
 void MountService::Unmount(bool now, const StatusServer::Send& send) {
-  if (!now && !drive.settings.readOnly && !Drain(send)) return;
+  if (!now) {
+    if (!AwaitClosed(send)) {
+      send(Failed("programs have " + std::to_string(drive.files.OpenCount()) +
+                  " files open there: close them, or use --now"));
+      return;
+    }
+    if (!drive.settings.readOnly && !Drain(send)) return;
+  }
   Json::Value answer = Done();
   answer["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
   send(answer);
@@ -97,6 +138,39 @@ Json::Value MountService::Waiting() {
   return rows;
 }
 
+Json::Value MountService::Uploads() {
+  Json::Value uploads(Json::arrayValue);
+  const std::vector<UploadQueue::Transferring> running = drive.queue.Transfers();
+  std::lock_guard lock(drive.state.mutex);
+  for (const UploadQueue::Transferring& transfer : running) {
+    const std::optional<Item> item = drive.state.items.Find(transfer.ino);
+    Json::Value shown;
+    shown["name"] = item ? item->name : "";
+    shown["bytes"] = static_cast<Json::Int64>(transfer.size);
+    shown["done"] = static_cast<Json::Int64>(transfer.done);
+    uploads.append(shown);
+  }
+  return uploads;
+}
+
+Json::Value MountService::Downloads() {
+  Json::Value downloads(Json::arrayValue);
+  for (const ContentPtr& content : drive.store.Live()) {
+    const std::optional<int64_t> done = FetchedSoFar(*content);
+    if (!done || downloads.size() >= kShownRows) continue;
+    std::lock_guard lock(drive.state.mutex);
+    const std::optional<ContentRow> row = drive.state.contents.Find(content->number);
+    const std::optional<Item> item = row ? drive.state.items.Find(row->ino) : std::nullopt;
+    if (!item) continue;
+    Json::Value shown;
+    shown["name"] = item->name;
+    shown["bytes"] = static_cast<Json::Int64>(content->Size());
+    shown["done"] = static_cast<Json::Int64>(*done);
+    downloads.append(shown);
+  }
+  return downloads;
+}
+
 Json::Value MountService::Status() {
   Json::Value status;
   status["mount"] = folder.string();
@@ -107,18 +181,12 @@ Json::Value MountService::Status() {
   status["bytesDown"] = static_cast<Json::Int64>(drive.remote.Counted().down);
   status["bytesUp"] = static_cast<Json::Int64>(drive.remote.Counted().up);
   status["waiting"] = Waiting();
-  Json::Value transfers(Json::arrayValue);
-  const std::vector<UploadQueue::Transferring> running = drive.queue.Transfers();
+  status["uploads"] = Uploads();
+  status["downloads"] = Downloads();
+  const Drive::Rates rates = drive.CurrentRates();
+  status["bytesDownPerSecond"] = static_cast<Json::Int64>(rates.down);
+  status["bytesUpPerSecond"] = static_cast<Json::Int64>(rates.up);
   std::lock_guard lock(drive.state.mutex);
-  for (const UploadQueue::Transferring& transfer : running) {
-    Json::Value shown;
-    const std::optional<Item> item = drive.state.items.Find(transfer.ino);
-    shown["name"] = item ? item->name : "";
-    shown["bytes"] = static_cast<Json::Int64>(transfer.size);
-    shown["done"] = static_cast<Json::Int64>(transfer.done);
-    transfers.append(shown);
-  }
-  status["transfers"] = transfers;
   status["pending"] = static_cast<Json::Int64>(drive.state.journal.Count());
   status["items"] = static_cast<Json::Int64>(drive.state.items.Count());
   status["cache"]["bytes"] = static_cast<Json::Int64>(drive.state.contents.CleanBytes());

@@ -22,10 +22,14 @@ class MountService {
   Json::Value Status();
 
  private:
+  Json::Value Progress();
   bool Drain(const StatusServer::Send& send);
+  bool AwaitClosed(const StatusServer::Send& send);
   void Unmount(bool now, const StatusServer::Send& send);
   Json::Value Pin(const std::string& path, bool pinned);
   Json::Value Waiting();
+  Json::Value Uploads();
+  Json::Value Downloads();
 
   Drive& drive;
   const std::filesystem::path folder;

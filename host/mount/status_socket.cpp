@@ -2,10 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -19,6 +21,10 @@ namespace host::mount {
 namespace {
 
 constexpr size_t kLongestRequest = 64 * 1024;
+/// A mount that works says something long before.
+constexpr time_t kAnswerSeconds = 15;
+/// Between two looks for a free descriptor.
+constexpr std::chrono::milliseconds kUntilFree{100};
 
 sockaddr_un AddressOf(const std::filesystem::path& path) {
   sockaddr_un address{};
@@ -58,6 +64,8 @@ class LineReader {
       char chunk[4096];
       const ssize_t count = recv(descriptor, chunk, sizeof chunk, 0);
       if (count < 0 && errno == EINTR) continue;
+      if (count < 0 && errno == EAGAIN)
+        throw Failure("the mount does not answer", "`vormlane unmount --now DIR` takes it away");
       if (count <= 0 || buffer.size() > longest) return std::nullopt;
       buffer.append(chunk, static_cast<size_t>(count));
     }
@@ -113,7 +121,9 @@ void StatusServer::Accept() {
     Descriptor connection(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (connection.Get() < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      return;
+      if (stopping || (errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS))
+        return;
+      std::this_thread::sleep_for(kUntilFree);  // nothing tells when there is one again
     }
     Reap(false);
     std::lock_guard lock(mutex);
@@ -163,6 +173,8 @@ bool AskMount(const std::filesystem::path& path, const Json::Value& request,
   const Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     return false;
+  const timeval patience{kAnswerSeconds, 0};
+  setsockopt(connection.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   if (!SendLine(connection.Get(), request)) return false;
   LineReader reader(connection.Get());
   while (const std::optional<std::string> line = reader.Next(SIZE_MAX)) {

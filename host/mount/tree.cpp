@@ -65,6 +65,7 @@ int Tree::Make(Inode parent, const std::string& name, uint32_t attributes, Item&
   if (item.IsFolder()) item.listedAt = NowSeconds();
   state.Change([&] {
     state.items.Insert(item);
+    if (state.IsPinned(parent)) state.Pin(item.ino, true);
     JournalRow row{.ino = item.ino, .since = NowSeconds()};
     if (!item.IsFolder()) {
       ContentRow content{.ino = item.ino, .dirty = true};

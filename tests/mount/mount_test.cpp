@@ -200,7 +200,7 @@ TEST_F(Mount, UnmountingWaitsOrSaysWhatIsLeft) {
   EXPECT_THAT(output, HasSubstr("\"later.txt\""));
   output.clear();
   ASSERT_EQ(program.Run({"unmount", "--now"}, &output), 0);
-  EXPECT_THAT(output, HasSubstr("1 changes are not on the service yet"));
+  EXPECT_THAT(output, HasSubstr("1 change is not on the service yet"));
   EXPECT_FALSE(service.Find("later.txt").has_value());
   program.Kill();
   Begin();

@@ -13,9 +13,17 @@
 
 #include "host/core/credential_store.h"
 #include "host/core/profile_store.h"
+#include "host/mount/mount_point.h"
 
 namespace host::mount {
 namespace fs = std::filesystem;
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenLooks{2};
+constexpr std::chrono::milliseconds kEnding{3000};
+constexpr std::chrono::milliseconds kPatience{60'000};
+
+}  // namespace
 
 std::string WhyNoMount() {
   if (access("/dev/fuse", R_OK | W_OK) != 0) return "/dev/fuse cannot be used here";
@@ -63,7 +71,7 @@ pid_t MountedProgram::Spawn(const std::vector<std::string>& arguments, int outpu
                                        "XDG_RUNTIME_DIR=" + base + "/run",
                                        "HOME=" + base,
                                        "PATH=" + std::string(getenv("PATH")),
-                                       "ASAN_OPTIONS=detect_leaks=0"};
+                                       "ASAN_OPTIONS=detect_leaks=0:intercept_tls_get_addr=0"};
   std::vector<char*> environment;
   for (std::string& setting : settings) environment.push_back(setting.data());
   environment.push_back(nullptr);
@@ -106,8 +114,29 @@ bool MountedProgram::Mount(const std::vector<std::string>& options) {
 void MountedProgram::Kill() {
   if (process < 0) return;
   kill(process, SIGKILL);
-  waitpid(process, nullptr, 0);
+  int status = 0;
+  // The kernel may have it wait for a program that waits for it.
+  if (!Ended(kEnding, status)) TearDown(folder);
+  if (!Ended(kEnding, status)) ADD_FAILURE() << "the host cannot be killed";
   process = -1;
+}
+
+bool MountedProgram::Terminate() {
+  kill(process, SIGTERM);
+  int status = 0;
+  const bool ended = Ended(kPatience, status);
+  if (!ended) Kill();
+  process = -1;
+  return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool MountedProgram::Ended(std::chrono::milliseconds limit, int& status) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (waitpid(process, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+  return true;
 }
 
 void MountedProgram::Keep(const fs::path& place) const {
@@ -121,7 +150,7 @@ void MountedProgram::Detach() { umount2(folder.c_str(), MNT_DETACH); }
 bool MountedProgram::Unmount() {
   const bool asked = Run({"unmount"}) == 0;
   int status = 0;
-  if (process >= 0) waitpid(process, &status, 0);
+  if (process >= 0 && !Ended(kPatience, status)) Kill();
   process = -1;
   return asked && WIFEXITED(status) && WEXITSTATUS(status) == 0 && !IsMounted();
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -29,6 +30,8 @@ class MountedProgram {
   bool Mount(const std::vector<std::string>& options = QuickOptions());
   /// As a power cut would: at once, nothing is told. The dead mount stays.
   void Kill();
+  /// Asks the process to end, as a user's Ctrl-C does; true when it ended well, and in time.
+  bool Terminate();
   /// Takes the dead mount away.
   void Detach();
   /// `vormlane unmount`, which waits for what is owed; then the process has ended.
@@ -48,6 +51,7 @@ class MountedProgram {
  private:
   pid_t Spawn(const std::vector<std::string>& arguments, int output) const;
   bool IsMounted() const;
+  bool Ended(std::chrono::milliseconds limit, int& status);
 
   TemporaryDirectory directory{"vormlane-mount-"};
   std::filesystem::path folder = directory.Path() / "mnt";
