@@ -9,21 +9,24 @@ namespace host::mount {
 namespace {
 
 constexpr int kDepthAhead = 2;
+/// Nobody goes soon through all that lies below a folder with more folders than this.
+constexpr size_t kWide = 16;
 /// More waiting listings than this, and no further ones are begun ahead.
 constexpr size_t kLongestBacklog = 1000;
 
 }  // namespace
 
-int FolderCache::Ensure(Inode folder) {
+int FolderCache::Ensure(Inode folder, Use use) {
   const Standing standing = Look(folder);
   if (standing.error != 0 || !standing.atService) return standing.error;
   if (!standing.listed) {
-    const int error = Wait(Start(folder, Urgency::kInteractive, kDepthAhead));
-    NoteLook(folder);
+    const int depth = use == Use::kAllNames ? kDepthAhead : 0;
+    const int error = Wait(Start(folder, Urgency::kInteractive, depth));
+    NoteLook(folder, use);
     return error;
   }
-  if (standing.outdated) Start(folder, Urgency::kBackground, 1);
-  if (NoteLook(folder)) ListAhead(folder, kDepthAhead);
+  if (standing.outdated) Start(folder, Urgency::kBackground, 0);
+  if (NoteLook(folder, use)) ListAhead(folder, kDepthAhead);
   return 0;
 }
 
@@ -38,9 +41,11 @@ FolderCache::Standing FolderCache::Look(Inode folder) {
           .outdated = item->stale || age > settings.folderAge};
 }
 
-bool FolderCache::NoteLook(Inode folder) {
+/// True when its names are read for the first time.
+bool FolderCache::NoteLook(Inode folder, Use use) {
   std::lock_guard lock(mutex);
-  return lookedAt.insert(folder).second;
+  lookedAt.insert(folder);
+  return use == Use::kAllNames && read.insert(folder).second;
 }
 
 int FolderCache::RefreshNow(Inode folder) { return Wait(Start(folder, Urgency::kInteractive, 0)); }
@@ -149,10 +154,11 @@ void FolderCache::ListAhead(Inode folder, int depth) {
   std::vector<Item> below;
   {
     std::lock_guard lock(state.mutex);
-    below = state.items.Children(folder);
+    below = state.items.ChildFolders(folder);
   }
+  if (depth < kDepthAhead && below.size() > kWide) return;
   for (const Item& item : below) {
-    if (!item.IsFolder() || item.id.empty()) continue;
+    if (item.id.empty()) continue;
     if (item.listedAt == 0)
       Start(item.ino, Urgency::kBackground, depth - 1);
     else

@@ -2,8 +2,8 @@
 //
 // A folder is listed once and then kept: it is listed again when the service reports a change in
 // it, or when it is looked at after Settings::folderAge. Programs wait only for folders that were
-// never listed; otherwise they see what is known and are told when it changes. The folders below a
-// listed one are listed ahead in the background.
+// never listed; otherwise they see what is known and are told when it changes. The folders below
+// one whose names a program reads are listed ahead in the background.
 //
 // Thread-safe; no function is called with the mutex of State held.
 #pragma once
@@ -32,8 +32,9 @@ class FolderCache {
   /// Null: nobody is told. Must outlive the pool's tasks.
   void SetObserver(Observer* who) { observer = who; }
 
+  enum class Use { kOneName, kAllNames };
   /// Makes sure that the folder's items are known: 0 or a positive errno.
-  int Ensure(Inode folder);
+  int Ensure(Inode folder, Use use = Use::kOneName);
   /// The service reported a change in the folder with this Drive id.
   void ReportChange(const std::string& folderId);
   /// Lists the folder now and waits for it: 0 or a positive errno.
@@ -59,7 +60,7 @@ class FolderCache {
   };
 
   Standing Look(Inode folder);
-  bool NoteLook(Inode folder);
+  bool NoteLook(Inode folder, Use use);
   ListingPtr Start(Inode folder, Urgency urgency, int depth);
   void Run(Inode folder, const ListingPtr& listing);
   int Finish(Inode folder, const ListingPtr& listing, int error);
@@ -76,6 +77,7 @@ class FolderCache {
   std::mutex mutex;  // never held together with the mutex of State
   std::map<Inode, ListingPtr> running;
   std::set<Inode> lookedAt;  // folders that a program asked for since the start
+  std::set<Inode> read;      // those of them whose names were read
 };
 
 }  // namespace host::mount

@@ -76,6 +76,8 @@ ItemTable::ItemTable(Database& owner)
       withId(owner.Prepare(Select("WHERE id = ?1 AND id <> ''"))),
       children(owner.Prepare(Select("WHERE parent = ?1 AND deleted = 0 ORDER BY ino"))),
       childrenAll(owner.Prepare(Select("WHERE parent = ?1 ORDER BY ino"))),
+      childFolders(owner.Prepare(Select("WHERE parent = ?1 AND deleted = 0 AND attributes & " +
+                                        std::to_string(kFsFolder) + " <> 0 ORDER BY ino"))),
       heldIn(owner.Prepare(Select("WHERE remoteParent = ?1 AND remoteParent <> ''"))),
       countChildren(
           owner.Prepare("SELECT count(*) FROM mount_items WHERE parent = ?1 AND deleted = 0")),
@@ -115,6 +117,10 @@ std::vector<Item> ItemTable::WithId(const std::string& id) { return All(withId.B
 std::vector<Item> ItemTable::Children(Inode parent, bool withDeleted) {
   Statement& statement = withDeleted ? childrenAll : children;
   return All(statement.Bind(1, static_cast<int64_t>(parent)));
+}
+
+std::vector<Item> ItemTable::ChildFolders(Inode parent) {
+  return All(childFolders.Bind(1, static_cast<int64_t>(parent)));
 }
 
 std::vector<Item> ItemTable::HeldIn(const std::string& remoteParent) {

@@ -22,6 +22,7 @@ class ItemTable {
   std::vector<Item> WithId(const std::string& id);
   /// In the order of their numbers, deleted ones only when asked for.
   std::vector<Item> Children(Inode parent, bool withDeleted = false);
+  std::vector<Item> ChildFolders(Inode parent);
   /// Items that the service holds in a folder, wherever the mount shows them.
   std::vector<Item> HeldIn(const std::string& remoteParent);
   int64_t CountChildren(Inode parent);
@@ -41,8 +42,8 @@ class ItemTable {
   std::vector<Item> All(Statement& statement);
 
   Database& database;
-  Statement find, findChild, withId, children, childrenAll, heldIn, countChildren, count, insert,
-      update, erase, markStale, settled;
+  Statement find, findChild, withId, children, childrenAll, childFolders, heldIn, countChildren,
+      count, insert, update, erase, markStale, settled;
 };
 
 /// The steps that make the mount's tables; see Database::Migrate.

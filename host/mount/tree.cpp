@@ -32,7 +32,7 @@ int Tree::Lookup(Inode parent, const std::string& name, Item& item) {
 }
 
 int Tree::List(Inode folder, std::vector<Item>& items) {
-  const int error = folders.Ensure(folder);
+  const int error = folders.Ensure(folder, FolderCache::Use::kAllNames);
   if (error != 0) return error;
   std::lock_guard lock(state.mutex);
   items = state.items.Children(folder);
