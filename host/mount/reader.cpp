@@ -129,7 +129,8 @@ void Reader::Run(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch)
   if (fetch->claimed.exchange(true)) return;
   const int64_t from = fetch->firstPage * kPageBytes;
   const int64_t to = std::min(fetch->endPage * kPageBytes, content->Size());
-  int64_t reached = from;  // no gap up to here
+  int64_t reached = from;           // no gap up to here
+  int64_t page = fetch->firstPage;  // there, up to here
   int error = 0;
   const AERROR code = remote.Fetch(
       fetch->id, from, to - from, fetch->transfer, [&](int64_t at, std::span<const char> bytes) {
@@ -138,10 +139,10 @@ void Reader::Run(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch)
         error = content->Store(bytes, at);
         if (error != 0) return Abandon(fetch->transfer);
         reached = std::max(reached, at + static_cast<int64_t>(bytes.size()));
-        std::lock_guard lock(content->mutex);
         const int64_t whole = reached == to ? fetch->endPage : PageMap::PageOf(reached);
-        for (int64_t page = fetch->firstPage; page < whole; ++page)
-          content->pages.Set(page, Page::kPresent);
+        if (whole == page) return;
+        std::lock_guard lock(content->mutex);
+        while (page < whole) content->pages.Set(page++, Page::kPresent);
         content->mapChanged = true;
         content->arrived.notify_all();
       });
