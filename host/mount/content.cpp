@@ -48,6 +48,12 @@ ssize_t Content::ReadUnchanged(std::span<char> buffer, int64_t offset, uint64_t 
   return writes == expected ? count : -EAGAIN;
 }
 
+std::optional<std::string> Content::Whole() {
+  std::string bytes(static_cast<size_t>(size), '\0');
+  if (ReadAt(bytes, 0) != static_cast<ssize_t>(bytes.size())) return std::nullopt;
+  return bytes;
+}
+
 int Content::Write(std::span<const char> bytes, int64_t offset) {
   std::unique_lock lock(io);
   ++writes;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <span>
 #include <string>
@@ -51,6 +52,8 @@ class Content {
   ssize_t ReadAt(std::span<char> buffer, int64_t offset);
   /// The same, but -EAGAIN when a program has written since `expected` was Writes().
   ssize_t ReadUnchanged(std::span<char> buffer, int64_t offset, uint64_t expected);
+  /// All bytes; nothing when they cannot be read.
+  std::optional<std::string> Whole();
   /// 0 or a positive errno.
   int Write(std::span<const char> bytes, int64_t offset);
   int Truncate(int64_t newSize);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <set>
 
+#include "host/core/descriptor.h"
 #include "host/core/failure.h"
 #include "host/core/paths.h"
 
@@ -129,6 +130,50 @@ bool ContentStore::SyncDirectory() {
   const bool synced = fsync(descriptor) == 0;
   close(descriptor);
   return synced;
+}
+
+int ContentStore::Harden(Content& content) {
+  if (const int error = content.Sync()) return error;
+  if (!content.placed && !SyncDirectory()) return EIO;
+  content.placed = true;
+  return 0;
+}
+
+void ContentStore::HardenAll() {
+  std::vector<RedoRow> rows;
+  {
+    std::lock_guard lock(state.mutex);
+    rows = state.redo.All();
+  }
+  for (const RedoRow& row : rows) {
+    const Descriptor file(open(PathOf(row.content).c_str(), O_RDONLY | O_CLOEXEC));
+    // One that is missing was removed meanwhile, and its row with it.
+    if (file.Get() >= 0 && fdatasync(file.Get()) != 0) return;
+  }
+  if (rows.empty() || !SyncDirectory()) return;
+  std::lock_guard lock(state.mutex);
+  state.redo.EraseUpTo(rows.back().number);
+}
+
+void ContentStore::RedoOne(int64_t content) {
+  const std::string bytes = state.redo.Bytes(content);
+  const fs::path path = PathOf(content);
+  const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const auto size = static_cast<ssize_t>(bytes.size());
+  const bool written = file.Get() >= 0 &&
+                       pwrite(file.Get(), bytes.data(), bytes.size(), 0) == size &&
+                       ftruncate(file.Get(), size) == 0;
+  if (!written)
+    throw Failure("cannot write " + path.string() + ": " + std::strerror(errno),
+                  "check the disk that holds it");
+}
+
+void ContentStore::Redo() {
+  {
+    std::lock_guard lock(state.mutex);
+    for (const RedoRow& row : state.redo.All()) RedoOne(row.content);
+  }
+  HardenAll();
 }
 
 void ContentStore::MakeRoom(int64_t room) {

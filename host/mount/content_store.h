@@ -39,6 +39,12 @@ class ContentStore {
   void SaveMaps();
   /// Waits until the names of all files are on the disk. False when the disk refuses.
   bool SyncDirectory();
+  /// Waits until the content and its name are on the disk: 0 or a positive errno.
+  int Harden(Content& content);
+  /// Brings the files whose bytes still are in the redo table to the disk.
+  void HardenAll();
+  /// Writes what the redo table holds into the files. Before anything is opened; throws Failure.
+  void Redo();
   /// Removes clean contents until they fit into the limit less `room` bytes.
   void MakeRoom(int64_t room = 0);
   /// Removes files that no row knows: leftovers of a killed host.
@@ -54,6 +60,7 @@ class ContentStore {
   std::filesystem::path PathOf(int64_t content) const;
   ContentPtr OpenFile(const ContentRow& row) const;
   void Save(const ContentPtr& content);
+  void RedoOne(int64_t content);
   void CloseIdle();
 
   State& state;

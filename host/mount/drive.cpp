@@ -202,6 +202,7 @@ void Drive::Housekeep() {
     lock.unlock();
     try {
       MeasureRates();
+      store.HardenAll();
       store.SaveMaps();
       store.MakeRoom();
       if (Connected()) FetchPinned();

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -102,10 +103,11 @@ class Files {
   int Load(Node& node);
   int BeginEdit(Node& node);
   int BeginLocked(Node& node, bool& settled);
+  int Settle(Node& node);
   int Replace(Node& node);
   int Resize(Node& node, int64_t size);
   int Commit(Node& node);
-  int CommitLocked(Node& node);
+  int CommitLocked(Node& node, const std::optional<std::string>& bytes);
   void NoteWrite(Node& node);
 
   State& state;

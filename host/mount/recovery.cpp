@@ -93,6 +93,7 @@ class Recovery {
 }  // namespace
 
 void Recover(State& state, ContentStore& store) {
+  store.Redo();
   {
     std::lock_guard lock(state.mutex);
     state.Change([&] { Recovery(state, store).Run(); });

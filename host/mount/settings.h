@@ -19,7 +19,7 @@ struct Settings {
   Milliseconds folderAge{300'000};  ///< after this a listing is renewed when it is looked at
   Milliseconds patience{40'000};    ///< how long a program waits for the service at most
 
-  int uploads = 8;                   ///< files on their way to the service at once
+  int uploads = 16;                  ///< files on their way to the service at once
   Milliseconds uploadDelay{250};     ///< from close to upload: a file may be renamed right after
   Milliseconds heldOpenDelay{2000};  ///< the same while a program keeps it open for writing
   Milliseconds retryFirst{1000};     ///< grows twofold with each failure

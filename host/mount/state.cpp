@@ -1,6 +1,7 @@
 #include "host/mount/state.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,6 +19,13 @@ int64_t NowNanoseconds() {
 }
 
 int64_t NowSeconds() { return NowNanoseconds() / 1'000'000'000; }
+
+namespace {
+
+/// As large as the log gets before SQLite carries it over and begins again at its start.
+constexpr int64_t kLogBytes = int64_t{5} << 20;
+
+}  // namespace
 
 const std::vector<std::string>& MountSchema() {
   static const std::vector<std::string> steps = {R"(
@@ -51,6 +59,11 @@ const std::vector<std::string>& MountSchema() {
     CREATE TABLE mount_values(key TEXT PRIMARY KEY, value TEXT NOT NULL);
     CREATE TABLE mount_events(
       number INTEGER PRIMARY KEY AUTOINCREMENT, at INTEGER NOT NULL, text TEXT NOT NULL);
+  )",
+                                                 R"(
+    CREATE TABLE mount_redo(
+      number INTEGER PRIMARY KEY AUTOINCREMENT, content INTEGER NOT NULL UNIQUE
+      REFERENCES mount_contents(content) ON DELETE CASCADE, bytes BLOB NOT NULL);
   )"};
   return steps;
 }
@@ -67,6 +80,7 @@ State::State(const std::filesystem::path& file)
       items(database),
       journal(database),
       contents(database),
+      redo(database),
       value(database.Prepare("SELECT value FROM mount_values WHERE key = ?1")),
       setValue(database.Prepare("INSERT OR REPLACE INTO mount_values VALUES (?1, ?2)")),
       addEvent(database.Prepare("INSERT INTO mount_events (at, text) VALUES (?1, ?2)")),
@@ -79,16 +93,47 @@ State::State(const std::filesystem::path& file)
       pins(database.Prepare("SELECT ino FROM mount_pins")) {
   // The log exists once something was written through this connection.
   Change([&] { SetValue("opened", std::to_string(NowSeconds())); });
-  const std::string logFile = file.string() + "-wal";
-  log = open(logFile.c_str(), O_RDONLY | O_CLOEXEC);
-  if (log < 0)
-    throw Failure("cannot open " + logFile + ": " + std::strerror(errno),
-                  "check the disk that holds it");
+  Change([&] { OpenLog(); });
 }
 
 State::~State() { close(log); }
 
-bool State::Sync() { return fdatasync(log) == 0; }
+/// Opens the log, and gives it room while nobody else can write to it: to sync bytes that lie where
+/// bytes were before takes a fraction of the time of bytes that make the file longer.
+void State::OpenLog() {
+  const std::string file = database.File().string() + "-wal";
+  log = open(file.c_str(), O_RDWR | O_CLOEXEC);
+  struct stat status {};
+  if (log < 0 || fstat(log, &status) != 0)
+    throw Failure("cannot open " + file + ": " + std::strerror(errno),
+                  "check the disk that holds it");
+  // Frames that were never written end the log just as its end does.
+  const std::string nothing(size_t{64} << 10, '\0');
+  const auto size = static_cast<ssize_t>(nothing.size());
+  for (int64_t at = status.st_size; at < kLogBytes; at += size)
+    if (pwrite(log, nothing.data(), nothing.size(), at) != size) return;  // then it grows by use
+  Sync();
+}
+
+bool State::Sync() {
+  std::unique_lock lock(syncing);
+  // One that runs now may have begun before the caller's transaction was written.
+  const uint64_t wanted = syncsBegun + 1;
+  while (syncsEnded < wanted) {
+    if (syncsBegun != syncsEnded) {
+      synced.wait(lock);
+      continue;
+    }
+    ++syncsBegun;
+    lock.unlock();
+    const bool done = fdatasync(log) == 0;
+    lock.lock();
+    syncsEnded = syncsBegun;
+    if (!done) syncFailed = syncsEnded;
+    synced.notify_all();
+  }
+  return syncFailed < wanted;
+}
 
 JournalRow State::RowFor(const Item& item) {
   if (std::optional<JournalRow> row = journal.Find(item.ino)) return *row;

@@ -9,6 +9,7 @@
 // the service nor over a wait for the disk.
 #pragma once
 
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -19,6 +20,7 @@
 #include "host/mount/content_table.h"
 #include "host/mount/item_table.h"
 #include "host/mount/journal_table.h"
+#include "host/mount/redo_table.h"
 
 namespace host::mount {
 
@@ -44,6 +46,7 @@ class State {
   ItemTable items;
   JournalTable journal;
   ContentTable contents;
+  RedoTable redo;
 
   /// Commits when it leaves the scope unless an exception does; nests by doing nothing inside.
   template <typename Function>
@@ -97,14 +100,20 @@ class State {
   bool IsPinned(Inode ino);
   std::vector<Inode> Pins();
 
-  /// Waits until every transaction committed so far is on the disk. Without the mutex. False when
-  /// the disk refuses.
+  /// Waits until every transaction committed so far is on the disk; callers at the same time share
+  /// one sync. Without the mutex. False when the disk refuses.
   bool Sync();
 
  private:
+  void OpenLog();
+
   int64_t stamp = NowNanoseconds();  // larger than any of an earlier run
   bool changing = false;
-  int log = -1;  // descriptor of the write-ahead log, open as long as the connection
+  int log = -1;        // descriptor of the write-ahead log, open as long as the connection
+  std::mutex syncing;  // guards the three below
+  std::condition_variable synced;
+  uint64_t syncsBegun = 0, syncsEnded = 0;
+  uint64_t syncFailed = 0;  // the last of them that did
   Statement value, setValue, addEvent, trimEvents, events, pin, unpin, isPinned, pins;
 };
 

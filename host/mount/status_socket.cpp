@@ -78,20 +78,6 @@ class LineReader {
 
 }  // namespace
 
-Descriptor::~Descriptor() {
-  if (descriptor >= 0) close(descriptor);
-}
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  if (this != &other) {
-    if (descriptor >= 0) close(descriptor);
-    descriptor = other.Release();
-  }
-  return *this;
-}
-
-int Descriptor::Release() { return std::exchange(descriptor, -1); }
-
 StatusServer::StatusServer(const std::filesystem::path& socketPath, Handler answers)
     : path(socketPath), handler(std::move(answers)) {
   MakePrivateDirectory(path.parent_path());

@@ -13,22 +13,9 @@
 #include <mutex>
 #include <thread>
 
+#include "host/core/descriptor.h"
+
 namespace host::mount {
-
-/// Owns a descriptor.
-class Descriptor {
- public:
-  explicit Descriptor(int number = -1) : descriptor(number) {}
-  ~Descriptor();
-  Descriptor(Descriptor&& other) noexcept : descriptor(other.Release()) {}
-  Descriptor& operator=(Descriptor&& other) noexcept;
-
-  int Get() const { return descriptor; }
-  int Release();
-
- private:
-  int descriptor;
-};
 
 class StatusServer {
  public:
