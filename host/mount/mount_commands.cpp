@@ -12,51 +12,29 @@
 #include "host/cli/terminal.h"
 #include "host/core/interrupt.h"
 #include "host/core/json_text.h"
+#include "host/mount/mount_client.h"
 #include "host/mount/mount_point.h"
 #include "host/mount/mount_process.h"
-#include "host/mount/mount_service.h"
+#include "host/mount/status_text.h"
 
 namespace host {
 namespace {
 
 namespace fs = std::filesystem;
-using mount::AskMount;
 using mount::MountOptions;
-using mount::SocketOf;
+using mount::Request;
+using mount::RunningMount;
 
-Json::Value Request(const std::string& command) {
-  Json::Value request;
-  request["command"] = command;
-  return request;
-}
+/// What the command line names: one profile, or all of them.
+struct Chosen {
+  Context& context;
+  const CLI::Option* profile;
 
-[[noreturn]] void NothingMounted(const Context& context) {
-  throw Failure("the profile \"" + context.profileName + "\" is not mounted",
-                "mount it with `vormlane mount DIR`");
-}
-
-/// The last answer; nothing when there is no mount. Throws when it says that it failed.
-std::optional<Json::Value> AskIfMounted(
-    const Context& context, const Json::Value& request,
-    const std::function<void(const Json::Value&)>& progress = nullptr) {
-  Json::Value last;
-  const bool done = AskMount(SocketOf(context.Paths()), request, [&](const Json::Value& answer) {
-    last = answer;
-    if (progress && !answer.isMember("done")) progress(answer);
-  });
-  if (!done && last.isNull()) return std::nullopt;
-  if (!done) throw Failure("the mount has ended", "look at `vormlane status`");
-  if (last.isMember("error"))
-    throw Failure(request["command"].asString() + ": " + last["error"].asString());
-  return last;
-}
-
-Json::Value Ask(const Context& context, const Json::Value& request,
-                const std::function<void(const Json::Value&)>& progress = nullptr) {
-  const std::optional<Json::Value> last = AskIfMounted(context, request, progress);
-  if (!last) NothingMounted(context);
-  return *last;
-}
+  std::vector<ProfilePaths> Profiles() const {
+    return mount::ChosenProfiles(context, profile->count() > 0);
+  }
+  std::vector<RunningMount> Mounts() const { return mount::FindMounts(Profiles()); }
+};
 
 /// How far the uploads are that somebody waits for: a bar where there are bytes to send, else how
 /// many changes are left; and once, what is in their way.
@@ -102,118 +80,76 @@ class DrainProgress {
   std::string warned;
 };
 
-void RunDrain(Context& context) {
-  DrainProgress shown;
-  Ask(context, Request("drain"), [&](const Json::Value& progress) { shown.Show(progress); });
-}
-
-void CheckFolder(const fs::path& given, const fs::path& mounted) {
-  if (!given.empty() && fs::absolute(given).lexically_normal() != mounted)
-    throw Failure("the profile is mounted at " + mounted.string() + ", not at " + given.string(),
-                  "name that folder");
+void RunDrain(const Chosen& chosen) {
+  for (const RunningMount& running : chosen.Mounts()) {
+    DrainProgress shown;
+    mount::Ask(running.paths, Request("drain"),
+               [&](const Json::Value& progress) { shown.Show(progress); });
+  }
 }
 
 /// A mount whose host does not answer any more: killed while the kernel had it wait, or stuck.
-bool TakeAwayDeadMount(const fs::path& folder) {
-  const fs::path place = fs::absolute(folder).lexically_normal();
-  if (folder.empty() || !mount::IsOwnMount(place)) return false;
+void TakeAwayDeadMount(const fs::path& place) {
   if (!mount::TearDown(place))
     throw Failure("a dead mount at " + place.string() + " cannot be taken away",
                   "run `fusermount3 -uz` on it");
   std::fprintf(stderr, "vormlane: a dead mount at %s was taken away\n", place.c_str());
-  return true;
 }
 
-void RunUnmount(Context& context, const fs::path& folder, bool now) {
+/// The mount at the folder, or the only one there is.
+RunningMount MountToEnd(const Chosen& chosen, const fs::path& folder) {
+  const std::vector<RunningMount> mounts = chosen.Mounts();
+  if (folder.empty() && mounts.size() > 1)
+    throw Failure("several profiles are mounted", "name the folder, see `vormlane status`");
+  if (folder.empty()) return mounts[0];
+  const mount::PlaceInMount place = mount::FindPlace(mounts, folder);
+  if (place.below != ".")
+    throw Failure("the mount is at " + place.mount.Folder().string(), "name that folder");
+  return place.mount;
+}
+
+void RunUnmount(const Chosen& chosen, const fs::path& folder, bool now) {
   Json::Value request = Request("unmount");
   request["now"] = now;
-  std::optional<Json::Value> status;
+  std::optional<RunningMount> running;
   try {
-    status = AskIfMounted(context, Request("status"));
+    running = MountToEnd(chosen, folder);
   } catch (const Failure&) {
-    if (!now) throw;
+    if (!now || folder.empty() || !mount::IsOwnMount(fs::absolute(folder))) throw;
+    return TakeAwayDeadMount(fs::absolute(folder));
   }
-  if (!status) {
-    if (now && TakeAwayDeadMount(folder)) return;
-    NothingMounted(context);
-  }
-  CheckFolder(folder, (*status)["mount"].asString());
   DrainProgress shown;
-  const Json::Value last =
-      Ask(context, request, [&](const Json::Value& progress) { shown.Show(progress); });
-  mount::AwaitEnd(context.Paths());
-  mount::SayWhatIsLeft(last["pending"].asInt64());
+  const std::optional<Json::Value> last = mount::Ask(
+      running->paths, request, [&](const Json::Value& progress) { shown.Show(progress); });
+  mount::AwaitEnd(running->paths);
+  if (last) mount::SayWhatIsLeft((*last)["pending"].asInt64());
 }
 
-void RunPin(Context& context, const std::string& given, bool pinned) {
-  const fs::path mounted = Ask(context, Request("status"))["mount"].asString();
-  const fs::path path = fs::absolute(given).lexically_normal();
-  const fs::path below = path.lexically_relative(mounted);
-  if (below.empty() || below.begin()->string() == "..")
-    throw Failure("\"" + given + "\" is not below the mount at " + mounted.string(),
-                  "name a file or folder there");
+void RunPin(const Chosen& chosen, const std::string& path, bool pinned) {
+  const mount::PlaceInMount place = mount::FindPlace(chosen.Mounts(), path);
   Json::Value request = Request(pinned ? "pin" : "unpin");
-  request["path"] = below.string();
-  Ask(context, request);
+  request["path"] = place.below.string();
+  mount::Ask(place.mount.paths, request);
 }
 
-std::string TransferLines(const Json::Value& transfers) {
-  std::string text;
-  for (const Json::Value& transfer : transfers) {
-    const int64_t bytes = std::max<int64_t>(transfer["bytes"].asInt64(), 1);
-    text += "  " + PadLeft(std::to_string(transfer["done"].asInt64() * 100 / bytes) + " %", 6) +
-            "  " + Printable(transfer["name"].asString()) + "  (" + HumanBytes(bytes) + ")\n";
+std::string StatusOf(const Chosen& chosen, bool oneLine) {
+  const std::vector<RunningMount> mounts = chosen.Mounts();
+  if (!chosen.context.json) {
+    std::string text;
+    for (const RunningMount& running : mounts)
+      text += (text.empty() ? "" : "\n") + mount::StatusText(running.status, Paint(STDOUT_FILENO));
+    return text;
   }
-  return text;
+  Json::Value all;
+  for (const RunningMount& running : mounts) all["mounts"].append(running.status);
+  return oneLine ? CompactJson(all) + "\n" : PrettyJson(all);
 }
 
-std::string Rate(const Json::Value& bytesPerSecond) {
-  return bytesPerSecond.asInt64() == 0 ? "" : " (" + HumanBytes(bytesPerSecond.asInt64()) + "/s)";
-}
-
-std::string WaitingLines(const Json::Value& status, const Paint& paint) {
-  std::string text;
-  for (const Json::Value& row : status["waiting"]) {
-    text += "  " + PadRight(row["what"].asString(), 14) + Printable(row["name"].asString());
-    if (row.isMember("error")) text += "  " + paint.Yellow(Printable(row["error"].asString()));
-    text += "\n";
-  }
-  return text;
-}
-
-std::string StatusText(const Json::Value& status, const Paint& paint) {
-  const Json::Value& cache = status["cache"];
-  std::string text = paint.Bold(status["mount"].asString()) +
-                     (status["connected"].asBool() ? "" : paint.Yellow("  (offline)")) + "\n";
-  text += "  to send        " + std::to_string(status["pending"].asInt64()) + " changes, " +
-          HumanBytes(cache["pendingBytes"].asInt64()) + "\n";
-  text += "  cache          " + HumanBytes(cache["bytes"].asInt64()) + " of " +
-          HumanBytes(cache["limit"].asInt64()) + "\n";
-  text += "  known items    " + std::to_string(status["items"].asInt64()) + "\n";
-  text += "  transferred    " + HumanBytes(status["bytesDown"].asInt64()) + " down" +
-          Rate(status["bytesDownPerSecond"]) + ", " + HumanBytes(status["bytesUp"].asInt64()) +
-          " up" + Rate(status["bytesUpPerSecond"]) + "\n";
-  if (!status["uploads"].empty()) text += "sending\n" + TransferLines(status["uploads"]);
-  if (!status["downloads"].empty()) text += "fetching\n" + TransferLines(status["downloads"]);
-  if (!status["waiting"].empty()) text += "waiting\n" + WaitingLines(status, paint);
-  if (!status["events"].empty()) text += "lately\n";
-  for (const Json::Value& event : status["events"])
-    text += "  " + paint.Faint(event["time"].asString()) + "  " +
-            Printable(event["text"].asString()) + "\n";
-  return text;
-}
-
-void RunStatus(Context& context, bool follow) {
-  const Paint paint(STDOUT_FILENO);
+void RunStatus(const Chosen& chosen, bool follow) {
   const InterruptWatch interrupts;
-  do {
-    Json::Value status = Ask(context, Request("status"));
-    status.removeMember("done");
-    const bool redraw = follow && !context.json && IsTerminal(STDOUT_FILENO);
-    Print((redraw ? "\033[H\033[2J" : "") +
-          (context.json ? (follow ? CompactJson(status) + "\n" : PrettyJson(status))
-                        : StatusText(status, paint)));
-  } while (follow && !InterruptWatch::WaitFor(1000));
+  const bool redraw = follow && !chosen.context.json && IsTerminal(STDOUT_FILENO);
+  do Print((redraw ? "\033[H\033[2J" : "") + StatusOf(chosen, follow));
+  while (follow && !InterruptWatch::WaitFor(1000));
 }
 
 void AddTimings(CLI::App* command, MountOptions& options) {
@@ -282,27 +218,29 @@ void AddMount(CLI::App& app, Context& context) {
 void AddMountCommands(CLI::App& app, Context& context) {
   AddMount(app, context);
 
+  const Chosen chosen{context, app.get_option("--profile")};
+
   CLI::App* unmount = app.add_subcommand("unmount", "Send what is left and take the folder away");
   auto folder = std::make_shared<fs::path>();
   auto now = std::make_shared<bool>(false);
   unmount->add_option("DIR", *folder, "The mounted folder");
   unmount->add_flag("--now", *now, "Do not wait: what is left is sent after the next mount");
-  unmount->callback([&context, folder, now] { RunUnmount(context, *folder, *now); });
+  unmount->callback([chosen, folder, now] { RunUnmount(chosen, *folder, *now); });
 
   CLI::App* drain = app.add_subcommand("drain", "Wait until every change is on the service");
-  drain->callback([&context] { RunDrain(context); });
+  drain->callback([chosen] { RunDrain(chosen); });
 
-  CLI::App* status = app.add_subcommand("status", "What the mount is doing");
+  CLI::App* status = app.add_subcommand("status", "What the mounts are doing");
   auto follow = std::make_shared<bool>(false);
   status->add_flag("--follow", *follow, "Again every second");
-  status->callback([&context, follow] { RunStatus(context, *follow); });
+  status->callback([chosen, follow] { RunStatus(chosen, *follow); });
 
   CLI::App* pin = app.add_subcommand("pin", "Keep a file or folder on this machine");
   auto path = std::make_shared<std::string>();
   auto remove = std::make_shared<bool>(false);
-  pin->add_option("PATH", *path, "A path below the mount")->required();
+  pin->add_option("PATH", *path, "A path below a mount")->required();
   pin->add_flag("--remove", *remove, "Keep it no longer");
-  pin->callback([&context, path, remove] { RunPin(context, *path, !*remove); });
+  pin->callback([chosen, path, remove] { RunPin(chosen, *path, !*remove); });
 }
 
 }  // namespace host
