@@ -121,6 +121,14 @@ void ShowMount(Tour& tour, DemoDrive& demo) {
   tour.Shell("ls -l '" + folder + "/My Drive'");
   tour.Shell("grep -c line '" + folder + "/My Drive/Documents/Contract.md'");
   tour.Shell("echo 'Written by the shell.' > '" + folder + "/My Drive/from the shell.txt'");
+  if (IsTerminal(STDIN_FILENO) && IsTerminal(STDOUT_FILENO)) {
+    tour.Say("The folder stays until Ctrl-C: look around in it, from a file manager or a shell.");
+    while (!InterruptWatch::WaitFor(-1)) {
+    }
+    Print("\n");
+    if (mount.Unmount() == 0) Print("Everything is on the service; the folder is unmounted.\n");
+    return;
+  }
   tour.Shell("vormlane --profile demo unmount " + folder);
   tour.Type({"cat", "/My Drive/from the shell.txt"});
 }
@@ -136,6 +144,7 @@ void RunDemo(Context& context) {
   ShowWriting(tour, demo.Directory());
   ShowChanges(tour);
   ShowMount(tour, demo);
+  if (InterruptWatch::Interrupted()) return;
   tour.Say("For your own account: `vormlane login`, then the same commands.");
 }
 

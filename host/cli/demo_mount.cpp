@@ -77,6 +77,10 @@ DemoMount::~DemoMount() {
   rmdir(folder.c_str());
 }
 
+int DemoMount::Unmount() const {
+  return RunShell(demo, "vormlane --profile demo unmount " + folder.string());
+}
+
 bool DemoMount::Mounted() const {
   struct stat inside {};
   struct stat above {};

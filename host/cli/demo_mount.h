@@ -23,6 +23,9 @@ class DemoMount {
   DemoMount(const DemoMount&) = delete;
   DemoMount& operator=(const DemoMount&) = delete;
 
+  /// Waits for what is to be sent, and unmounts; the command's exit code.
+  int Unmount() const;
+
   const std::filesystem::path& Folder() const { return folder; }
 
  private:

@@ -91,8 +91,10 @@ bool MountService::AwaitClosed(const StatusServer::Send& send) {
 void MountService::Unmount(bool now, const StatusServer::Send& send) {
   if (!now) {
     if (!AwaitClosed(send)) {
-      send(Failed("programs have " + std::to_string(drive.files.OpenCount()) +
-                  " files open there: close them, or use --now"));
+      const int open = drive.files.OpenCount();
+      send(Failed(open == 1
+                      ? "a program has a file open there: close it, or use --now"
+                      : std::to_string(open) + " files are open there: close them, or use --now"));
       return;
     }
     if (!drive.settings.readOnly && !Drain(send)) return;
