@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <cstring>
 
 #include "host/core/interrupt.h"
+#include "host/mount/damage.h"
 #include "host/mount/fuse_mount.h"
 #include "host/mount/mount_point.h"
 #include "host/mount/mount_service.h"
@@ -120,6 +122,14 @@ void StartPush(Session& session, ChangeRelay& relay) {
     session.Log().Error(session.Failed("no pushed changes", code).what());
 }
 
+/// Every file that a program has open takes a descriptor here as well.
+void AllowManyOpenFiles() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int64_t Left(Drive& drive) {
   std::lock_guard lock(drive.state.mutex);
   return drive.state.journal.Count();
@@ -128,6 +138,12 @@ int64_t Left(Drive& drive) {
 void Serve(Context& context, const MountOptions& options, Starter& starter) {
   const ProfilePaths paths = context.Paths();
   const ProfileLock lock(paths);
+  AllowManyOpenFiles();
+  if (const auto aside = SetDamagedAside(paths))
+    std::fprintf(stderr,
+                 "vormlane: the profile's database was damaged and begins anew; the old one is in "
+                 "%s, with every file that was not on the service yet\n",
+                 aside->c_str());
   if (PrepareMountPoint(options.folder))
     std::fprintf(stderr, "vormlane: a dead mount at %s was taken away\n", options.folder.c_str());
   ChangeRelay relay;

@@ -92,11 +92,21 @@ State::State(const std::filesystem::path& file)
       isPinned(database.Prepare("SELECT 1 FROM mount_pins WHERE ino = ?1")),
       pins(database.Prepare("SELECT ino FROM mount_pins")) {
   // The log exists once something was written through this connection.
-  Change([&] { SetValue("opened", std::to_string(NowSeconds())); });
+  Change([&] {
+    SetValue("opened", std::to_string(NowSeconds()));
+    SetValue(kCleanKey, "0");
+  });
   Change([&] { OpenLog(); });
 }
 
-State::~State() { close(log); }
+State::~State() {
+  try {
+    SetValue(kCleanKey, "1");
+  } catch (const std::exception&) {
+    // Then the next host looks more closely.
+  }
+  close(log);
+}
 
 /// Opens the log, and gives it room while nobody else can write to it: to sync bytes that lie where
 /// bytes were before takes a fraction of the time of bytes that make the file longer.

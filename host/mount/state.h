@@ -27,6 +27,9 @@ namespace host::mount {
 int64_t NowSeconds();
 int64_t NowNanoseconds();
 
+/// The value that says whether the last host ended in order.
+inline constexpr char kCleanKey[] = "clean";
+
 class State {
  public:
   explicit State(const std::filesystem::path& file);

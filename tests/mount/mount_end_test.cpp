@@ -10,8 +10,10 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
+#include "host/core/database.h"
 #include "host/mount/mount_point.h"
 #include "tests/mount/mounted_program.h"
 
@@ -80,6 +82,46 @@ TEST_F(MountEnd, KeepsWhatAProgramHasOpen) {
   ASSERT_TRUE(program.Mount());
   ASSERT_TRUE(program.Unmount());
   EXPECT_EQ(service.Content(*service.Find("open.txt")), "not closed");
+}
+
+/// Puts nonsense where a table begins.
+void OverwriteTable(const fs::path& file, const std::string& table) {
+  int64_t place = 0;
+  int64_t size = 0;
+  {
+    Database database(file);
+    database.Run("PRAGMA wal_checkpoint(TRUNCATE)");
+    Statement page = database.Prepare("SELECT rootpage FROM sqlite_schema WHERE name = ?");
+    ASSERT_TRUE(page.Bind(1, table).Step());
+    Statement bytes = database.Prepare("PRAGMA page_size");
+    ASSERT_TRUE(bytes.Step());
+    size = bytes.Integer(0);
+    place = (page.Integer(0) - 1) * size;
+  }
+  std::fstream written(file, std::ios::in | std::ios::out | std::ios::binary);
+  written.seekp(place);
+  written << std::string(static_cast<size_t>(size), 'x');
+}
+
+// A page of the database is overwritten while a file waits for its upload.
+TEST_F(MountEnd, SetsADamagedDatabaseAsideWithAllThatWaits) {
+  ASSERT_TRUE(program.Mount({"--poll", "3600", "--no-push", "--upload-delay", "3600"}));
+  std::ofstream(program.Root() / "waits.txt") << "not sent";
+  program.Kill();
+  program.Detach();
+  const fs::path data = program.Data();
+  OverwriteTable(data / "state.db", "mount_items");
+  std::string output;
+  ASSERT_EQ(program.Run({"mount", program.Folder().string()}, &output), 0) << output;
+  EXPECT_THAT(output, HasSubstr("was damaged and begins anew"));
+  EXPECT_EQ(program.Run({"unmount"}), 0);
+  bool kept = false;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(data)) {
+    std::ostringstream text;
+    if (entry.is_regular_file()) text << std::ifstream(entry.path()).rdbuf();
+    kept = kept || text.str() == "not sent";
+  }
+  EXPECT_TRUE(kept);
 }
 
 TEST_F(MountEnd, FreesProgramsFromAHostThatIsStuck) {

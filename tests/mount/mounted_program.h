@@ -45,6 +45,7 @@ class MountedProgram {
 
   const std::filesystem::path& Folder() const { return folder; }
   std::filesystem::path Root() const { return folder / "My Drive"; }
+  std::filesystem::path Data() const { return directory.Path() / "data/vormlane/default"; }
   pid_t Process() const { return process; }
   std::filesystem::path LogFile() const { return directory.Path() / "log"; }
 
