@@ -87,7 +87,7 @@ void Until(const std::string& what, double limit, const std::function<bool()>& d
   const double start = Now();
   while (!done()) {
     if (Now() - start > limit) throw std::runtime_error("waited in vain: " + what);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
 

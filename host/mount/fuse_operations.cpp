@@ -92,8 +92,9 @@ void Keep(fuse_file_info* info, std::unique_ptr<OpenFile> file) {
 void Init(void*, fuse_conn_info* connection) {
   connection->max_background = kKernelBackground;
   connection->congestion_threshold = kKernelBackground * 3 / 4;
-  connection->want |= connection->capable & (FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_PARALLEL_DIROPS |
-                                             FUSE_CAP_READDIRPLUS | FUSE_CAP_ASYNC_READ);
+  connection->want |=
+      connection->capable & (FUSE_CAP_ATOMIC_O_TRUNC | FUSE_CAP_PARALLEL_DIROPS |
+                             FUSE_CAP_READDIRPLUS | FUSE_CAP_ASYNC_READ | FUSE_CAP_HANDLE_KILLPRIV);
   // Programs read a folder's names to see its items as well.
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
 }
@@ -330,7 +331,9 @@ int ReplyText(fuse_req_t request, const std::string& text, size_t room) {
 void GetExtended(fuse_req_t request, fuse_ino_t ino, const char* name, size_t size) {
   Answer(request, [&] {
     Drive& drive = DriveOf(request);
-    if (std::strncmp(name, "user.vormlane.", 14) != 0) return ENODATA;
+    // Programs that look for access lists and labels ask no further once they hear that there are
+    // none at all.
+    if (std::strncmp(name, "user.", 5) != 0) return ENOTSUP;
     Item item;
     std::string value;
     if (const int error = drive.tree.Get(ino, item)) return error;
