@@ -205,6 +205,21 @@ Pair Compare(double (*clock)(), int repeats, Bare&& bare, Library&& library) {
   return {Median(bareTimes), Median(libraryTimes)};
 }
 
+/// How many times as fast as the bare side the library moves `kTransfer` bytes: the median over
+/// rounds that each begin with new connections, as the kernel tunes every connection's buffers anew
+/// and keeps to what it found.
+template <class Bare, class Library>
+double TransferSpeed(RawServer& server, Bare&& bare, Library&& library) {
+  constexpr int kRounds = 7;
+  std::vector<double> speeds;
+  for (int round = 0; round < kRounds; ++round) {
+    server.HangUp();
+    const Pair pair = Compare(WallSeconds, kRepeats, bare, library);
+    speeds.push_back(pair.bare / pair.library);
+  }
+  return Median(speeds);
+}
+
 /// Keeps this thread, and those that it starts from here on, to the first processor or to the
 /// others: where the scheduler puts the two ends of a connection decides what a wake-up costs, and
 /// must be the same for both sides of a comparison.
@@ -265,32 +280,33 @@ void Require(bool condition, const char* what) {
   std::exit(1);
 }
 
-void BenchRead(GoogleDrive& drive, const std::string& url) {
-  const Easy easy = BareHandle(url + "/drive/v3/files/big?alt=media");
+void BenchRead(GoogleDrive& drive, RawServer& server) {
+  const Easy easy = BareHandle(server.Url() + "/drive/v3/files/big?alt=media");
   curl_easy_setopt(easy.get(), CURLOPT_RANGE, ("0-" + std::to_string(kTransfer - 1)).c_str());
   const auto handle = std::make_shared<_FS_HANDLE>();
-  const Pair pair = Compare(
-      WallSeconds, kRepeats,
-      [&] { Require(curl_easy_perform(easy.get()) == CURLE_OK, "bare download"); },
+  const double speed = TransferSpeed(
+      server, [&] { Require(curl_easy_perform(easy.get()) == CURLE_OK, "bare download"); },
       [&] {
         NoFetch fetch;
         Require(drive.Read("big", 0, kTransfer, handle, &fetch, nullptr) == AERROR::SUCCESS &&
                     fetch.bytes == kTransfer,
                 "Read");
       });
-  Report("Read of 64 MiB: speed against a bare handle", "x", pair.bare / pair.library, ">=", 0.95);
+  Report("Read of 64 MiB: speed against a bare handle", "x", speed, ">=", 0.95);
 }
 
-void BenchUpload(GoogleDrive& drive, const std::string& url) {
-  const Easy easy = BareHandle(url + "/session");
+/// The bare side sends the bytes and no more; the library's side also opens the session that they
+/// go to and reads the item back.
+void BenchUpload(GoogleDrive& drive, RawServer& server) {
+  const Easy easy = BareHandle(server.Url() + "/session");
   long long left = 0;
   curl_easy_setopt(easy.get(), CURLOPT_POST, 1L);
   curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, "PUT");
   curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(kTransfer));
   curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, &Fill);
   curl_easy_setopt(easy.get(), CURLOPT_READDATA, &left);
-  const Pair pair = Compare(
-      WallSeconds, kRepeats,
+  const double speed = TransferSpeed(
+      server,
       [&] {
         left = kTransfer;
         Require(curl_easy_perform(easy.get()) == CURLE_OK, "bare PUT");
@@ -304,7 +320,7 @@ void BenchUpload(GoogleDrive& drive, const std::string& url) {
                     AERROR::SUCCESS,
                 "Upload");
       });
-  Report("Upload of 64 MiB: speed against a bare PUT", "x", pair.bare / pair.library, ">=", 0.95);
+  Report("Upload of 64 MiB: speed against a bare PUT", "x", speed, ">=", 0.95);
 }
 
 void BenchSmallRequest(const std::string& url) {
@@ -453,8 +469,8 @@ int main(int argc, char** argv) {
   Profile profile;
   {
     const Drive drive = Connected(&profile, server.Url());
-    BenchRead(*drive, server.Url());
-    BenchUpload(*drive, server.Url());
+    BenchRead(*drive, server);
+    BenchUpload(*drive, server);
     BenchSmallRequest(server.Url());
     BenchListing(*drive);
     BenchPoll(profile, server.Url());

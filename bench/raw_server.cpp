@@ -61,8 +61,8 @@ RawServer::~RawServer() {
   {
     const std::lock_guard guard(mutex);
     stopping = true;
-    for (const int open : sockets) shutdown(open, SHUT_RDWR);
   }
+  HangUp();
   shutdown(listener, SHUT_RDWR);
   acceptor.join();
   for (auto& connection : connections) connection.join();
@@ -74,6 +74,11 @@ RawServer::Reply RawServer::Ok(std::string body, const std::string& headers) {
   return {"HTTP/1.1 200 OK\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
               "\r\n\r\n",
           std::move(body)};
+}
+
+void RawServer::HangUp() {
+  const std::lock_guard guard(mutex);
+  for (const int open : sockets) shutdown(open, SHUT_RDWR);
 }
 
 void RawServer::Accept() {

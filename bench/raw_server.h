@@ -25,6 +25,9 @@ class RawServer {
 
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(port); }
 
+  /// Closes the connections; the next request of each client opens a new one.
+  void HangUp();
+
   static Reply Ok(std::string body, const std::string& headers = "");
 
  private:
