@@ -59,9 +59,7 @@ void Drive::TakeRoot(const std::string& rootId) {
   std::lock_guard lock(state.mutex);
   std::optional<Item> root = state.items.Find(kRootInode);
   if (root && (rootId.empty() || root->id == rootId)) return;
-  if (!root && rootId.empty())
-    throw Failure("cannot mount: the service has never been reached",
-                  "check the network; the first mount needs it");
+  if (!root && rootId.empty()) throw NeverReached();
   if (root && state.journal.Count() > 0)
     throw Failure("cannot mount: the drive's top folder is another one now, and " +
                       std::to_string(state.journal.Count()) +

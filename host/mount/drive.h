@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "host/core/failure.h"
 #include "host/mount/files.h"
 #include "host/mount/upload_queue.h"
 
@@ -34,11 +35,19 @@ class ChangeRelay final : public IFileChanges {
   std::function<void(const std::string&)> receiver;  // called with the mutex held
 };
 
+/// There is nothing to show: the service cannot be asked, and never could.
+class NeverReached : public Failure {
+ public:
+  NeverReached()
+      : Failure("cannot mount: the service has never been reached",
+                "check the network; the first mount needs it") {}
+};
+
 class Drive final : private Observer {
  public:
   /// `protocol` and `relay` are not owned; the tables go to `database`, files below `contents`.
   /// An empty `rootId` means that the service could not be asked: the remembered one is used.
-  /// Throws Failure.
+  /// Throws Failure, NeverReached when nothing is remembered either.
   Drive(IProtocol_V2& protocol, ChangeRelay& relay, const std::filesystem::path& database,
         const std::filesystem::path& contents, const std::string& rootId, Settings settings);
   ~Drive();

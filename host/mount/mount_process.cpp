@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <optional>
 
 #include "host/core/interrupt.h"
 #include "host/mount/damage.h"
@@ -94,25 +96,30 @@ bool HasPushService(const ProfileStore& profile) {
   return true;
 }
 
-/// Connects; without a network that is for later. The id of the top folder, empty when unknown.
-std::string FirstConnect(Session& session, bool& connected) {
+/// Why the first connection failed.
+using Reason = std::optional<Failure>;
+
+/// Connects; without a network that is for later.
+Reason TryConnect(Session& session) {
   try {
     session.Connect();
-    connected = session.HasAccount();
+    session.RequireAccount();
+    return std::nullopt;
   } catch (const Failure& failure) {
-    if (failure.Code() == AERROR::FS_NEED_AUTHORIZE) throw;
     session.Log().Error(failure.what());
+    return failure;
   }
-  return connected ? session.RootId() : "";
 }
 
-bool ConnectLater(Session& session) {
+std::unique_ptr<Drive> OpenDrive(Session& session, ChangeRelay& relay, const MountOptions& options,
+                                 const ProfilePaths& paths, const Reason& reason) {
   try {
-    session.Connect();
-    return session.HasAccount();
-  } catch (const Failure& failure) {
-    session.Log().Error(failure.what());
-    return false;
+    return std::make_unique<Drive>(session.Drive(), relay, paths.Database(),
+                                   paths.data / "contents", reason ? "" : session.RootId(),
+                                   options.settings);
+  } catch (const NeverReached&) {
+    if (!reason) throw;
+    throw Failure(*reason);
   }
 }
 
@@ -152,10 +159,10 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
     ~CloseFirst() { context.Close(); }
   } const close{context};
   Session& session = context.Opened();
-  bool connected = false;
-  const std::string rootId = FirstConnect(session, connected);
-  Drive drive(session.Drive(), relay, paths.Database(), paths.data / "contents", rootId,
-              options.settings);
+  const Reason reason = TryConnect(session);
+  if (reason && reason->Code() == AERROR::FS_NEED_AUTHORIZE) throw Failure(*reason);
+  const std::unique_ptr<Drive> opened = OpenDrive(session, relay, options, paths, reason);
+  Drive& drive = *opened;
   const InterruptWatch interrupts;  // from here on, ending leaves no dead mount
   FuseMount mounted(drive, options.folder);
   MountService service(drive, options.folder, [&] { mounted.End(); });
@@ -163,13 +170,10 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
     service.Handle(request, send);
   };
   const StatusServer server(SocketOf(paths), handle);
-  const auto begin = [&] {
-    if (options.push) StartPush(session, relay);
-    return true;
-  };
-  drive.Start([&, connected]() mutable {
-    if (!connected) connected = ConnectLater(session);
-    return connected && begin();
+  drive.Start([&, connected = !reason]() mutable {
+    connected = connected || !TryConnect(session);
+    if (connected && options.push) StartPush(session, relay);
+    return connected;
   });
   starter.Ready();
   mounted.Serve();
