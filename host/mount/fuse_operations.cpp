@@ -201,10 +201,10 @@ void Create(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t, fus
 
 void Read(fuse_req_t request, fuse_ino_t, size_t size, off_t offset, fuse_file_info* info) {
   Answer(request, [&] {
-    std::vector<char> buffer(size);
-    const ssize_t count = DriveOf(request).files.Read(FileOf(info), buffer, offset);
+    const auto buffer = std::make_unique_for_overwrite<char[]>(size);
+    const ssize_t count = DriveOf(request).files.Read(FileOf(info), {buffer.get(), size}, offset);
     if (count < 0) return static_cast<int>(count);
-    fuse_reply_buf(request, buffer.data(), static_cast<size_t>(count));
+    fuse_reply_buf(request, buffer.get(), static_cast<size_t>(count));
     return 0;
   });
 }
