@@ -1,5 +1,6 @@
 #include "host/mount/drive.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -140,13 +141,17 @@ void Drive::Follow(std::function<bool()> connect) {
     const bool missed = !connected || !reachable;
     lock.unlock();
     const bool joined = known || connect();
+    const Clock::time_point begun = Clock::now();
     const bool reached = joined && FollowOnce();
+    // What is found is seen some requests later: they are a part of the time between two polls.
+    const Milliseconds requests = std::chrono::ceil<Milliseconds>(Clock::now() - begun) * 4;
+    const Milliseconds pause = std::max(settings.poll - requests, settings.poll / 2);
     // What failed for want of a network is not to wait for its turn.
     if (reached && missed) queue.Hurry();
     lock.lock();
     connected = joined;
     reachable = reached;
-    wake.wait_for(lock, joined ? settings.poll : kReconnect, [this] { return stopping; });
+    wake.wait_for(lock, joined ? pause : kReconnect, [this] { return stopping; });
   }
 }
 
@@ -201,6 +206,7 @@ void Drive::Housekeep() {
     try {
       MeasureRates();
       store.HardenAll();
+      state.CarryOver();
       store.SaveMaps();
       store.MakeRoom();
       if (Connected()) FetchPinned();

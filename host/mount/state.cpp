@@ -22,8 +22,8 @@ int64_t NowSeconds() { return NowNanoseconds() / 1'000'000'000; }
 
 namespace {
 
-/// As large as the log gets before SQLite carries it over and begins again at its start.
-constexpr int64_t kLogBytes = int64_t{5} << 20;
+/// More than the log grows between two times that it is carried over and begun again.
+constexpr int64_t kLogBytes = int64_t{8} << 20;
 
 }  // namespace
 
@@ -70,8 +70,10 @@ const std::vector<std::string>& MountSchema() {
 
 State::MakeTables::MakeTables(Database& database) {
   database.Migrate("mount", MountSchema());
-  // Commits do not wait for the disk; Sync does, outside of the mutex and once for many.
-  database.Run("PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384");
+  // Commits do not wait for the disk; Sync does, outside of the mutex and once for many. Nor do
+  // they carry the log over, unless CarryOver is not often enough.
+  database.Run(
+      "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384; PRAGMA wal_autocheckpoint = 8000");
 }
 
 State::State(const std::filesystem::path& file)
@@ -81,6 +83,7 @@ State::State(const std::filesystem::path& file)
       journal(database),
       contents(database),
       redo(database),
+      carrier(file),
       value(database.Prepare("SELECT value FROM mount_values WHERE key = ?1")),
       setValue(database.Prepare("INSERT OR REPLACE INTO mount_values VALUES (?1, ?2)")),
       addEvent(database.Prepare("INSERT INTO mount_events (at, text) VALUES (?1, ?2)")),
@@ -124,6 +127,8 @@ void State::OpenLog() {
     if (pwrite(log, nothing.data(), nothing.size(), at) != size) return;  // then it grows by use
   Sync();
 }
+
+void State::CarryOver() { carrier.Run("PRAGMA wal_checkpoint(PASSIVE)"); }
 
 bool State::Sync() {
   std::unique_lock lock(syncing);

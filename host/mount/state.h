@@ -106,10 +106,14 @@ class State {
   /// Waits until every transaction committed so far is on the disk; callers at the same time share
   /// one sync. Without the mutex. False when the disk refuses.
   bool Sync();
+  /// Carries what the log holds over into the database, beside whoever writes. Without the mutex,
+  /// by one thread at a time.
+  void CarryOver();
 
  private:
   void OpenLog();
 
+  Database carrier;                  // a second connection, for CarryOver
   int64_t stamp = NowNanoseconds();  // larger than any of an earlier run
   bool changing = false;
   int log = -1;        // descriptor of the write-ahead log, open as long as the connection
