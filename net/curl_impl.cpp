@@ -44,6 +44,9 @@ CURLImpl::CURLImpl() : easy(NewHandle()) {
   SetOption(CURLOPT_NOSIGNAL, 1L);
   SetOption(CURLOPT_FOLLOWLOCATION, 1L);
   SetOption(CURLOPT_MAXREDIRS, 32L);
+  // An answer may name the next address; a file of this machine would pass for a service's.
+  SetOption(CURLOPT_PROTOCOLS_STR, "http,https");
+  SetOption(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   // Twice libcurl's own, for fewer calls, yet within two of the loopback interface's segments: the
   // rest that a longer block leaves over waits, under congestion control that paces, twice as long.
   SetOption(CURLOPT_UPLOAD_BUFFERSIZE, 122880L);

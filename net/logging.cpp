@@ -15,7 +15,7 @@ void __LOG__A(ILog* log, LOGLEVEL level, const char* format, ...) {
 }
 
 namespace {
-std::mutex ownThreadGate;
+std::recursive_mutex ownThreadGate;  // the host's logger may unbind itself while it writes
 }  // namespace
 
 void SetLogger(ILog* log) {
@@ -28,7 +28,11 @@ void LogFromOwnThread(LOGLEVEL level, const char* format, ...) {
   if (logger == nullptr) return;
   va_list arguments;
   va_start(arguments, format);
-  logger->Write(level, format, arguments);
+  try {
+    logger->Write(level, format, arguments);
+  } catch (...) {
+    // Below is a thread of our own, and nobody who could be told.
+  }
   va_end(arguments);
 }
 

@@ -13,7 +13,8 @@
 void SetLogger(ILog* log);
 
 /// The same for a thread of the plug-in's own, which the host does not wait for: once SetLogger has
-/// returned, the logger that it replaced is not called from there any more.
+/// returned, the logger that it replaced is not called from there any more. The logger itself may
+/// call SetLogger. What it throws is dropped.
 [[gnu::format(printf, 2, 3)]] void LogFromOwnThread(LOGLEVEL level, const char* format, ...);
 
 /// libcurl debug callback that logs its remarks and every header line; never a body. The arrows

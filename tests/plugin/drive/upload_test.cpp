@@ -236,6 +236,13 @@ TEST_F(UploadWireTest, OnlyALocationSpeltAsTheServiceSpellsItIsTaken) {
   }
 }
 
+TEST_F(UploadWireTest, OnlyAWebAddressIsUploadedTo) {
+  for (const char* place : {"file:///dev/null", "gopher://127.0.0.1/", "dict://127.0.0.1/"}) {
+    EXPECT_EQ(Upload({Session("Location: " + std::string(place) + "\r\n")}), AERROR::FAILED)
+        << place;
+  }
+}
+
 TEST_F(UploadWireTest, AnIncompleteUploadIsNoSuccess) {
   for (const int status : {308, 304, 300}) {
     EXPECT_EQ(Upload({Session(Location("/s")), Http(status, "", "Range: bytes=0-99\r\n")}),

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <thread>
 
 #include "net/curl_logger.h"
@@ -116,6 +117,19 @@ TEST_F(Logged, QueryLoggersWriteWhatTheLogsReaderUnpacks) {
   result.headerLength = 0;
   EXPECT_EQ(line(HeaderLog()), "");
   EXPECT_EQ(line(FullLog()), "");
+}
+
+TEST(OwnThreadLog, ALoggerMayUnbindItselfWhileItWritesAndThrow) {
+  RecordingLog log;
+  log.onWrite = [] {
+    SetLogger(nullptr);
+    throw std::out_of_range("host");
+  };
+  std::thread([] {
+    LogFromOwnThread(kLogDetail, "first");
+    LogFromOwnThread(kLogDetail, "second");
+  }).join();
+  EXPECT_THAT(log.Lines(), ElementsAre("1 first"));
 }
 
 TEST(QueryLoggerBinding, BelongsToItsThreadAndKeepsNobodyAlive) {
