@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 
@@ -28,6 +29,18 @@ std::shared_ptr<CURL> NewHandle() {
   });
 }
 
+/// Twice libcurl's own, for fewer calls, yet within two of the loopback interface's segments: the
+/// rest that a longer block leaves over waits, under congestion control that paces, twice as long.
+constexpr long long kSendBlock = 122880;
+constexpr long long kLeastSendBlock = 16384;
+/// Four times libcurl's own. Nothing is gained by more: a reader that empties the socket in larger
+/// blocks waits for the sender more often.
+constexpr long long kReceiveBlock = 65536;
+constexpr long long kLeastReceiveBlock = 1024;
+/// libcurl looks at the speed limit after at most this many received blocks, and after each sent.
+constexpr long long kBlocksInTurn = 100;
+constexpr long kStallTime = 20;  // seconds
+
 int SetSocketSendBuffer(void*, curl_socket_t socket, curlsocktype) {
   const int size = 1048576;  // bytes
   (void)setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
@@ -40,19 +53,14 @@ CURLImpl::CURLImpl() : easy(NewHandle()) {
   SetOption(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   SetOption(CURLOPT_CONNECTTIMEOUT, connectTimeout);
   SetOption(CURLOPT_LOW_SPEED_LIMIT, 1L);
-  SetOption(CURLOPT_LOW_SPEED_TIME, 20L);
+  SetOption(CURLOPT_LOW_SPEED_TIME, kStallTime);
   SetOption(CURLOPT_NOSIGNAL, 1L);
   SetOption(CURLOPT_FOLLOWLOCATION, 1L);
   SetOption(CURLOPT_MAXREDIRS, 32L);
   // An answer may name the next address; a file of this machine would pass for a service's.
   SetOption(CURLOPT_PROTOCOLS_STR, "http,https");
   SetOption(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  // Twice libcurl's own, for fewer calls, yet within two of the loopback interface's segments: the
-  // rest that a longer block leaves over waits, under congestion control that paces, twice as long.
-  SetOption(CURLOPT_UPLOAD_BUFFERSIZE, 122880L);
-  // Four times libcurl's own. Nothing is gained by more: a reader that empties the socket in larger
-  // blocks waits for the sender more often.
-  SetOption(CURLOPT_BUFFERSIZE, 65536L);
+  SetBlocks(kReceiveBlock, kSendBlock);
   // A method that is not libcurl's own is kept across every redirection, so its body must be too.
   SetOption(CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
   SetOption(CURLOPT_ACCEPT_ENCODING, "");
@@ -75,12 +83,11 @@ void CURLImpl::Clear() {
   SetOption(CURLOPT_CUSTOMREQUEST, nullptr);
   ResetBodyOptions();
   SetOption(CURLOPT_INFILESIZE_LARGE, curl_off_t{0});
-  SetOption(CURLOPT_MAX_SEND_SPEED_LARGE, curl_off_t{0});
-  SetOption(CURLOPT_MAX_RECV_SPEED_LARGE, curl_off_t{0});
+  if (speedLimit != 0) SetSpeedLimit(0);
   SetOption(CURLOPT_NOPROGRESS, 1L);
   SetOption(CURLOPT_XFERINFOFUNCTION, nullptr);
   SetOption(CURLOPT_XFERINFODATA, nullptr);
-  SetOption(CURLOPT_LOW_SPEED_TIME, 20L);
+  SetLowSpeedTimeout(kStallTime);
   SetProxy(0, {}, 0, {}, {});
   SetOption(CURLOPT_MIMEPOST, nullptr);
   SetOption(CURLOPT_NOBODY, 0L);
@@ -183,11 +190,32 @@ void CURLImpl::SetSSLDefaults() {
 }
 
 void CURLImpl::SetSpeedLimit(long long bytesPerSecond) {
-  SetOption(CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(bytesPerSecond));
-  SetOption(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(bytesPerSecond));
+  speedLimit = std::max(bytesPerSecond, 0LL);
+  SetOption(CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(speedLimit));
+  SetOption(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(speedLimit));
+  if (speedLimit == 0) {
+    SetBlocks(kReceiveBlock, kSendBlock);
+  } else {
+    // What one turn moves, libcurl waits for afterwards: about a second where blocks can be as
+    // small.
+    SetBlocks(std::clamp(speedLimit / kBlocksInTurn, kLeastReceiveBlock, kReceiveBlock),
+              std::clamp(speedLimit, kLeastSendBlock, kSendBlock));
+  }
+  SetLowSpeedTimeout(stallTime);
 }
 
-void CURLImpl::SetLowSpeedTimeout(long seconds) { SetOption(CURLOPT_LOW_SPEED_TIME, seconds); }
+void CURLImpl::SetBlocks(long long receive, long long send) {
+  SetOption(CURLOPT_BUFFERSIZE, static_cast<long>(receive));
+  SetOption(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(send));
+}
+
+void CURLImpl::SetLowSpeedTimeout(long seconds) {
+  stallTime = seconds;
+  // libcurl counts the waits of its own speed limit as standstill; they are not the peer's.
+  const long long longestTurn = std::max(kLeastReceiveBlock * kBlocksInTurn, kLeastSendBlock);
+  const long long wait = speedLimit == 0 ? 0 : longestTurn / speedLimit;
+  SetOption(CURLOPT_LOW_SPEED_TIME, static_cast<long>(seconds + wait));
+}
 
 void CURLImpl::SetSendBuffer() { SetOption(CURLOPT_SOCKOPTFUNCTION, &SetSocketSendBuffer); }
 

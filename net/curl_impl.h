@@ -88,9 +88,10 @@ class CURLImpl {
   void SetProxy(int type, std::string host, int port, std::string user, std::string password);
   /// Verifies servers against the certificate bundle that travels with the host program.
   void SetSSLDefaults();
-  /// Both directions; 0 is unlimited.
+  /// Both directions; 0 is unlimited. Holds on average over a transfer: what its first second may
+  /// move, or 100 KiB if that is more, passes at once.
   void SetSpeedLimit(long long bytesPerSecond);
-  /// How long a transfer may move less than a byte per second.
+  /// How long a transfer may move less than a byte per second, the waits of its speed limit apart.
   void SetLowSpeedTimeout(long seconds);
   void SetSendBuffer();
   void SetPostFileSize(long long size);
@@ -134,6 +135,7 @@ class CURLImpl {
     }
   }
   void ResetBodyOptions();
+  void SetBlocks(long long receive, long long send);
   void BindProgress(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback callback);
   void UseMethod(const char* fallback);
   _CURLRTN Transfer(struct evbuffer* own);
@@ -148,6 +150,8 @@ class CURLImpl {
   std::string request;
   std::string lastRequest;
   long connectTimeout = 10;
+  long stallTime = 20;
+  long long speedLimit = 0;
   char errorBuffer[CURL_ERROR_SIZE] = {};
 };
 

@@ -5,6 +5,7 @@
 
 #include <locale>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/curl_impl.h"
@@ -285,6 +286,27 @@ TEST_F(Request, ASpeedLimitHoldsTheTransferBack) {
   request.SetPostFileSize(0);
   EXPECT_LT(Get("/").downloadSpeed, 4.0 * kLimit);
   EXPECT_GT(Post("/", "x").uploadSpeed, 0);
+}
+
+TEST_F(Request, ASlowSpeedLimitIsNoStandstill) {
+  // Half a minute's standstill is compressed: a peer is given a second, the limit waits for eight.
+  constexpr long long kLimit = 12'000;
+  server.Play({Http(200, std::string(120'000, 'd'))});
+  request.SetLowSpeedTimeout(1);
+  request.SetSpeedLimit(kLimit);
+  WireServer other;
+  std::thread sender([&] {
+    CURLImpl upload;
+    upload.SetURL(other.Origin().c_str());
+    upload.SetSpeedLimit(2'000);
+    upload.SetLowSpeedTimeout(1);
+    EXPECT_EQ(upload.PerformPost(std::string(17'000, 'u')).code, CURLE_OK);
+  });
+  const _CURLRTN result = Get("/");
+  sender.join();
+  EXPECT_EQ(result.code, CURLE_OK);
+  EXPECT_EQ(result.bodyLength, 120'000u);
+  EXPECT_LT(result.downloadSpeed, 2.0 * kLimit);
 }
 
 TEST(ProxyTypes, AreMatchedExactly) {
