@@ -79,6 +79,7 @@ class Drive final : private Observer {
   const Settings settings;
   State state;
   Remote remote;
+  Patience patience;
   ContentStore store;
 
  private:

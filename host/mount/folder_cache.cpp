@@ -168,9 +168,9 @@ void FolderCache::ListAhead(Inode folder, int depth) {
 
 int FolderCache::Wait(const ListingPtr& listing) {
   std::unique_lock lock(mutex);
-  const bool ended =
-      listing->ended.wait_for(lock, settings.patience, [&] { return listing->done; });
-  return ended ? listing->error : ETIMEDOUT;
+  const int error = patience.Await(
+      lock, listing->ended, [&] { return listing->done; }, [] { return 0; });
+  return error != 0 ? error : listing->error;
 }
 
 }  // namespace host::mount

@@ -17,6 +17,7 @@
 
 #include "host/mount/content_store.h"
 #include "host/mount/observer.h"
+#include "host/mount/patience.h"
 #include "host/mount/remote.h"
 #include "host/mount/settings.h"
 #include "host/mount/task_pool.h"
@@ -26,8 +27,13 @@ namespace host::mount {
 class FolderCache {
  public:
   FolderCache(State& itsState, Remote& itsRemote, ContentStore& itsStore, TaskPool& itsPool,
-              const Settings& itsSettings)
-      : state(itsState), remote(itsRemote), store(itsStore), pool(itsPool), settings(itsSettings) {}
+              Patience& itsPatience, const Settings& itsSettings)
+      : state(itsState),
+        remote(itsRemote),
+        store(itsStore),
+        pool(itsPool),
+        patience(itsPatience),
+        settings(itsSettings) {}
 
   /// Null: nobody is told. Must outlive the pool's tasks.
   void SetObserver(Observer* who) { observer = who; }
@@ -72,6 +78,7 @@ class FolderCache {
   Remote& remote;
   ContentStore& store;
   TaskPool& pool;
+  Patience& patience;
   const Settings& settings;
   std::atomic<Observer*> observer{nullptr};
   std::mutex mutex;  // never held together with the mutex of State

@@ -75,6 +75,7 @@ void FuseMount::Serve() {
   // While programs are served: a notice may have to wait for one of them in the kernel, and the
   // kernel does not give up a mount that somebody is telling something.
   StopTelling();
+  drive.patience.End();
   StopLoop(loop);
   // Who still asks is answered by the kernel from here on.
   fuse_session_unmount(session.get());

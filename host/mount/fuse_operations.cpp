@@ -1,11 +1,15 @@
 #include "host/mount/fuse_operations.h"
 
+#include <signal.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/mount/name_map.h"
@@ -30,11 +34,27 @@ FuseContext& Context(fuse_req_t request) {
 
 Drive& DriveOf(fuse_req_t request) { return Context(request).drive; }
 
+/// Whether the program that asked is being killed. A signal that it handles is no reason to fail
+/// what it asked for: few programs expect that of a disk.
+bool CallerIsGone(fuse_req_t request) {
+  if (!fuse_req_interrupted(request)) return false;
+  std::ifstream status("/proc/" + std::to_string(fuse_req_ctx(request)->pid) + "/status");
+  bool alive = false;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("SigPnd:", 0) != 0 && line.rfind("ShdPnd:", 0) != 0) continue;
+    const uint64_t pending = std::strtoull(line.c_str() + 7, nullptr, 16);
+    if ((pending >> (SIGKILL - 1) & 1) != 0) return true;
+    alive = true;
+  }
+  return !alive;
+}
+
 /// Runs what an operation is; an exception becomes EIO, a result other than 0 is the answer.
 template <typename Function>
 void Answer(fuse_req_t request, Function&& function) noexcept {
   int error = EIO;
   try {
+    const CallerWatch watch([request] { return CallerIsGone(request); });
     error = function();
   } catch (const std::exception&) {
     // The tables or the disk below them refused.

@@ -170,12 +170,10 @@ int Reader::Await(const ContentPtr& content, const std::string& id, int64_t from
       return !content->pages.Has(first, end);
     };
     Hurry(content, first, end);
-    int64_t present = content->pages.PresentPages();
-    while (underWay()) {
-      if (content->arrived.wait_for(lock, patience) == std::cv_status::no_timeout) continue;
-      if (content->pages.PresentPages() == present) return ETIMEDOUT;
-      present = content->pages.PresentPages();
-    }
+    const int error = patience.Await(
+        lock, content->arrived, [&] { return !underWay(); },
+        [&] { return content->pages.PresentPages(); });
+    if (error != 0) return error;
     if (content->pages.Has(first, end)) return 0;
     if (attempt + 1 == kTries || content->lastError == ENOSPC)
       return content->lastError != 0 ? content->lastError : EIO;

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "host/mount/content.h"
+#include "host/mount/patience.h"
 #include "host/mount/task_pool.h"
 
 namespace host::mount {
@@ -45,8 +46,7 @@ class ReadPattern {
 
 class Reader {
  public:
-  /// `patience`: how long a program waits without any byte arriving before it is told EIO.
-  Reader(Remote& itsRemote, TaskPool& itsPool, std::chrono::milliseconds itsPatience)
+  Reader(Remote& itsRemote, TaskPool& itsPool, Patience& itsPatience)
       : remote(itsRemote), pool(itsPool), patience(itsPatience) {}
 
   /// Bytes read or a negative errno.
@@ -66,7 +66,7 @@ class Reader {
 
   Remote& remote;
   TaskPool& pool;
-  const std::chrono::milliseconds patience;
+  Patience& patience;
 };
 
 }  // namespace host::mount

@@ -32,6 +32,7 @@ AERROR Remote::Call(Operation&& operation) {
   ++traffic.requests;
   char* message = nullptr;
   const AERROR code = operation(&message);
+  successes += code == AERROR::SUCCESS;
   drive.FreeMsg(message);
   return code;
 }

@@ -56,6 +56,8 @@ class Remote {
     std::atomic<int64_t> requests{0}, down{0}, up{0};
   };
   const Traffic& Counted() const { return traffic; }
+  /// Grows with every sign of life of the service: a request that succeeded, bytes that arrived.
+  int64_t Heard() const { return successes + traffic.down; }
 
  private:
   template <typename Operation>
@@ -63,6 +65,7 @@ class Remote {
 
   IProtocol_V2& drive;
   Traffic traffic;
+  std::atomic<int64_t> successes{0};
 };
 
 }  // namespace host::mount

@@ -124,6 +124,34 @@ TEST_F(MountEnd, SetsADamagedDatabaseAsideWithAllThatWaits) {
   EXPECT_TRUE(kept);
 }
 
+TEST_F(MountEnd, LetsAKilledProgramGoWhileTheServiceIsSilent) {
+  service.Put("slow.bin", std::string(100'000, 's'));
+  ASSERT_TRUE(program.Mount({"--poll", "3600", "--no-push", "--patience", "3600"}));
+  ASSERT_TRUE(fs::exists(program.Root() / "slow.bin"));
+  emulator::Fault silence;
+  silence.kind = "delay";
+  silence.method = "drive.files.get.media";
+  silence.delay = std::chrono::hours(1);
+  silence.times = 100;
+  service.Inject(silence);
+  const std::string path = (program.Root() / "slow.bin").string();
+  const pid_t reader = fork();
+  if (reader == 0) {
+    char byte = 0;
+    const int file = open(path.c_str(), O_RDONLY);
+    _exit(static_cast<int>(read(file, &byte, 1)));
+  }
+  while (service.Count("drive.files.get.media") == 0)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  kill(reader, SIGTERM);
+  int status = 0;
+  EXPECT_EQ(waitpid(reader, &status, 0), reader);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  // The folder is given back at once, what the plug-in waits for ends by its own rules.
+  kill(program.Process(), SIGTERM);
+  while (IsOwnMount(program.Folder())) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
 TEST_F(MountEnd, FreesProgramsFromAHostThatIsStuck) {
   ASSERT_TRUE(program.Mount());
   ASSERT_EQ(kill(program.Process(), SIGSTOP), 0);
