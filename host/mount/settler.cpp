@@ -17,7 +17,9 @@ std::optional<Verdict> Settler::Read(Inode ino, Work& work) {
     state.journal.Erase(ino);
     return Verdict{};
   }
-  if (row->after != 0 && state.journal.Has(row->after))
+  // What a lost answer may have made is looked for first: the other one may wait for that.
+  const bool unknown = row->attempted && item->id.empty();
+  if (!unknown && row->after != 0 && state.journal.Has(row->after))
     return Verdict{.kind = Verdict::kBlocked, .on = row->after};
   work.item = *item;
   work.row = *row;

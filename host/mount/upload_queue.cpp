@@ -102,9 +102,13 @@ void UploadQueue::RunOne(std::unique_lock<std::mutex>& lock, Inode ino) {
   const std::shared_ptr<Sending> sending = entry.sending;
   lock.unlock();
   Verdict verdict;
+  bool progress = false;
   try {
-    do verdict = settler.Step(ino, *sending);
-    while (verdict.kind == Verdict::kProgress && sending->transfer->status < 3);
+    for (;;) {
+      verdict = settler.Step(ino, *sending);
+      if (verdict.kind != Verdict::kProgress || sending->transfer->status >= 3) break;
+      progress = true;
+    }
     if (verdict.kind == Verdict::kFailed && sending->transfer->status < 3)
       settler.NoteFailure(ino, verdict.error);
   } catch (const std::exception& failure) {
@@ -112,6 +116,8 @@ void UploadQueue::RunOne(std::unique_lock<std::mutex>& lock, Inode ino) {
   }
   TakeUp();
   lock.lock();
+  // What waits for this one may go on, if only to see that it must wait longer.
+  if (progress || verdict.kind != Verdict::kBlocked) Release(entries[ino]);
   Conclude(ino, verdict);
 }
 
@@ -119,8 +125,6 @@ void UploadQueue::Conclude(Inode ino, const Verdict& verdict) {
   Entry& entry = entries[ino];
   entry.running = false;
   entry.sending.reset();
-  // What waits for this one may go on, if only to see that it must wait longer.
-  if (verdict.kind != Verdict::kBlocked) Release(entry);
   if (verdict.kind != Verdict::kFailed) entry.failures = 0;
   if (entry.again) return ScheduleLocked(ino, entry.delay);
   switch (verdict.kind) {

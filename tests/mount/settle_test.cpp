@@ -175,6 +175,29 @@ TEST_F(Settle, SendsNothingButWholeCommits) {
   EXPECT_EQ(AtService("log.txt"), "FIRST");
 }
 
+TEST_F(Settle, ReplacesAFileWhoseCreationWasNotAnswered) {
+  Stop();
+  Settings slow = QuickSettings();
+  slow.uploadDelay = slow.retryFirst = slow.retryLast = Milliseconds(3'600'000);
+  Start(slow);
+  Fault("drive.upload.content", "applied-not-answered", 100);
+  ASSERT_EQ(Write("a.txt", "old"), 0);
+  const Inode ino = Find("a.txt");
+  drive->queue.Hurry();
+  const auto failed = [&] {
+    std::lock_guard lock(drive->state.mutex);
+    const std::optional<JournalRow> row = drive->state.journal.Find(ino);
+    return !row || row->tries > 0;
+  };
+  while (!failed()) std::this_thread::yield();
+  service.ClearFaults();
+  ASSERT_EQ(Write("b.txt", "new"), 0);
+  ASSERT_EQ(Rename("b.txt", "a.txt"), 0);
+  Drain();
+  EXPECT_EQ(AtService("a.txt"), "new");
+  EXPECT_THAT(NamesAtService(), ElementsAre("a.txt"));
+}
+
 TEST_F(Settle, UploadsAgainWhenTheFileChangesMeanwhile) {
   service.SetBandwidth(20 << 20);
   const std::string before(8 << 20, 'a');
