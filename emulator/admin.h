@@ -1,17 +1,21 @@
 // The admin port: what DriveEmulator offers, over HTTP, for tests in other processes.
 //
-//   GET    /faults                    what has not been used up
-//   POST   /faults                    a fault, or an array of them, as JSON with the members of
-//   Fault DELETE /faults GET    /journal[?method=NAME]     requests that have ended; &count=true:
-//   only how many were begun DELETE /journal GET    /tree[?user=EMAIL] GET    /items/ID the File
-//   resource GET    /items/ID/content POST   /tokens[?user=EMAIL]       {"accessToken",
-//   "refreshToken"} POST   /expire-tokens, /revoke-tokens POST   /users {"email", "name"} POST
-//   /quota                     {"user", "total"} POST   /items                     {"path",
-//   "content" or "size", "user"}; answers {"id"} POST   /children                  {"parent",
-//   "count", "prefix"} DELETE /items/ID POST   /shape                     {"roundTrip":
-//   milliseconds, "bandwidth": bytes per second} POST   /push                      {"behaviour":
-//   "accept"|"refuse"|"stall"|"drop"|"flood"} DELETE /push                      drops the open
-//   connections GET    /status                    addresses and counts
+// - GET /faults: what has not been used up; POST: a fault or an array of them, as JSON with the
+//   members of Fault; DELETE
+// - GET /journal[?method=NAME]: requests that have ended; &count=true: only how many were begun;
+//   DELETE
+// - GET /tree[?user=EMAIL]
+// - GET /items/ID: the File resource; GET /items/ID/content; DELETE /items/ID
+// - POST /items {"path", "content" or "size", "user"}: answers {"id"}
+// - POST /children {"parent", "count", "prefix"}
+// - POST /tokens[?user=EMAIL]: answers {"accessToken", "refreshToken"}
+// - POST /expire-tokens, POST /revoke-tokens
+// - POST /users {"email", "name"}
+// - POST /quota {"user", "total"}
+// - POST /shape {"roundTrip": milliseconds, "bandwidth": bytes per second}
+// - POST /push {"behaviour": "accept"|"refuse"|"stall"|"drop"|"flood"}; DELETE /push: drops the
+//   open connections
+// - GET /status: addresses and counts
 #pragma once
 
 #include <memory>

@@ -76,9 +76,10 @@ std::string GoogleDrive::GetChangeList(int) {
 }
 
 AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
-  std::string cursor;
+  std::unordered_set<std::string> asked;
   const auto build = [&](std::shared_ptr<GoogleCURL> request) {
-    cursor = Cursor();
+    const std::string cursor = Cursor();
+    asked.insert(cursor);
     if (cursor.empty()) {
       request->SetURL(Api("/drive/v3/changes/startPageToken").c_str());
     } else {
@@ -90,12 +91,12 @@ AERROR GoogleDrive::FetchChanges(const ChangeVisitor& visit) {
     return request->PerformGet(nullptr, nullptr);
   };
   const auto read = [&](_CURLRTN& result) {
-    return Guarded([&] { return ReadChangePage(result, cursor, visit); });
+    return Guarded([&] { return ReadChangePage(result, asked, visit); });
   };
   return Query<GoogleDriveExponentialBackoff>("GetChangeList", build, {{200, {read, ""}}}, {}, {});
 }
 
-AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const std::string& asked,
+AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const std::unordered_set<std::string>& asked,
                                    const ChangeVisitor& visit) {
   const JsonObject body(result.body.get(), result.bodyLength);
   // Looked at before the cursor moves past it.
@@ -111,8 +112,8 @@ AERROR GoogleDrive::ReadChangePage(_CURLRTN& result, const std::string& asked,
   }
   if (!body.HasObject("/nextPageToken")) return AERROR::SUCCESS;
   MoveCursor(body.GetObject("/nextPageToken"));
-  // A page that names itself as the next one would be fetched for ever.
-  return Cursor() == asked ? AERROR::SUCCESS : AERROR::RETRY;
+  // Pages that lead back to one another would be fetched for ever.
+  return asked.count(Cursor()) != 0 ? AERROR::SUCCESS : AERROR::RETRY;
 }
 
 AERROR GoogleDrive::GetChanges(IFileChanges* sink, char**) {
@@ -147,10 +148,10 @@ void GoogleDrive::EndAfterPoll() {
 
 void GoogleDrive::CollectChanges(IFileChanges* sink) {
   IdList folders;
+  std::unordered_set<std::string> cursors{Cursor()};
   int idleRounds = 0;
   bool changed = true;
   while (changed && idleRounds < kRoundsWithoutProgress) {
-    const std::string before = Cursor();
     changed = false;
     (void)FetchChanges([&](const JsonObject& change) {
       changed = true;
@@ -160,7 +161,7 @@ void GoogleDrive::CollectChanges(IFileChanges* sink) {
         return AERROR::SUCCESS;
       });
     });
-    idleRounds = Cursor() == before ? idleRounds + 1 : 0;
+    idleRounds = cursors.insert(Cursor()).second ? 0 : idleRounds + 1;
   }
   for (const std::string& id : folders) {
     if (releaseRequested) return;  // by the sink itself

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "gdrive/about.h"
@@ -139,7 +140,8 @@ class GoogleDrive : public IProtocol_V2 {
 
   void EndAfterPoll();
   AERROR FetchChanges(const ChangeVisitor& visit);
-  AERROR ReadChangePage(_CURLRTN& result, const std::string& asked, const ChangeVisitor& visit);
+  AERROR ReadChangePage(_CURLRTN& result, const std::unordered_set<std::string>& asked,
+                        const ChangeVisitor& visit);
   void CollectChanges(IFileChanges* sink);
   std::string Cursor() const;
   void MoveCursor(const std::string& token);

@@ -186,6 +186,24 @@ TEST_F(ChangePageTest, AServiceThatNeverMovesOnIsLeftAfterAThousandRounds) {
   }
 }
 
+TEST_F(ChangePageTest, PagesThatLeadInACircleAreLeftToo) {
+  const std::string changes = R"(", "changes": [)" + Change("a", R"("p")") + "]}";
+  for (int i = 0; i < 2500; ++i) {
+    Pages({R"({"nextPageToken": "2)" + changes, R"({"nextPageToken": "1)" + changes});
+  }
+  EXPECT_EQ(Poll(), Ids{"p"});
+  EXPECT_EQ(service.Requests().size() - before, 2000u);
+}
+
+TEST_F(ChangePageTest, CursorsThatComeAgainAreNoProgress) {
+  const std::string changes = R"(", "changes": [)" + Change("a", R"("p")") + "]}";
+  for (int i = 0; i < 2500; ++i) {
+    Pages({R"({"newStartPageToken": "2)" + changes, R"({"newStartPageToken": "1)" + changes});
+  }
+  EXPECT_EQ(Poll(), Ids{"p"});
+  EXPECT_EQ(service.Requests().size() - before, 1001u);
+}
+
 TEST_F(ChangePageTest, TheCursorIsTakenFromTheProfileOrTheService) {
   profile.Set("lastchangeid", "stored");
   drive->GetLargestChangeId();
