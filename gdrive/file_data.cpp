@@ -1,4 +1,5 @@
 // From a file resource to the host's record.
+#include <algorithm>
 #include <cstdlib>
 
 #include "gdrive/google_drive.h"
@@ -46,7 +47,8 @@ void GoogleDrive::FillData(JsonObject file, _FS_FILE_V2* out) const {
       FillWebLocation(file, type->second, out);
       return;
     }
-    out->size = strtoll(OptionalText(file, "/size").c_str(), nullptr, 10);
+    // No answer may make a host compute with less than nothing.
+    out->size = std::max(0LL, strtoll(OptionalText(file, "/size").c_str(), nullptr, 10));
   }
   if (!file.HasObject("/parents")) return;
   const JsonObject parents = GetArray(file, "/parents");

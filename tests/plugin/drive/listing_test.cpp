@@ -254,6 +254,16 @@ TEST_F(PageTest, NamesOfAnyBytesPassThrough) {
   EXPECT_EQ(list.Names(), Texts{"a\xff\xc3(b"});
 }
 
+TEST_F(PageTest, NoSizeIsLessThanNothing) {
+  ItemList list;
+  EXPECT_EQ(List({R"({"files": [{"id": "a", "name": "n", "mimeType": "t", "size": "-5"},)"
+                  R"({"id": "b", "name": "n", "mimeType": "t", "size": -99999999999999999999}]})"},
+                 &list),
+            AERROR::SUCCESS);
+  ASSERT_EQ(list.items.size(), 2u);
+  for (const auto& item : list.items) EXPECT_EQ(item.size, 0);
+}
+
 TEST_F(PageTest, ParentsAreAskedForLastFirst) {
   service.Play({Http(200, R"({"items": [{"id": "A"}, {"id": "B"}]})"),
                 Http(200, R"({"items": {}})"), Http(404)});
