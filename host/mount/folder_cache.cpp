@@ -1,5 +1,6 @@
 #include "host/mount/folder_cache.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "host/mount/errno_map.h"
@@ -48,7 +49,19 @@ bool FolderCache::NoteLook(Inode folder, Use use) {
   return use == Use::kAllNames && read.insert(folder).second;
 }
 
-int FolderCache::RefreshNow(Inode folder) { return Wait(Start(folder, Urgency::kInteractive, 0)); }
+int FolderCache::RefreshNow(Inode folder) {
+  ListingPtr earlier;
+  {
+    std::lock_guard lock(mutex);
+    if (const auto at = running.find(folder); at != running.end() && at->second->claimed)
+      earlier = at->second;
+    // It may not show what happened before this call.
+    if (earlier) earlier->again = true;
+  }
+  if (earlier)
+    if (const int error = Wait(earlier); error == ETIMEDOUT) return error;
+  return Wait(Start(folder, Urgency::kInteractive, 0));
+}
 
 void FolderCache::ReportChange(const std::string& folderId) {
   std::vector<Inode> listed;
@@ -140,10 +153,23 @@ int FolderCache::ListAndMerge(Inode folder) {
     if (!item.id.empty() && (item.attributes & (kFsFile | kFsFolder)) != 0) continue;
     if (item.id.empty() || remote.Info(item.id, item) != AERROR::SUCCESS) return EIO;
   }
+  ListingMerge merge(state, store, settings, begun);
+  std::vector<std::string> missing;
+  {
+    std::lock_guard lock(state.mutex);
+    missing = merge.MissingWithWork(folder, listed);
+  }
+  std::map<std::string, RemoteItem> elsewhere;
+  for (const std::string& item : missing) {
+    RemoteItem record;
+    if (remote.Info(item, record) == AERROR::SUCCESS && !record.parents.empty() &&
+        std::find(record.parents.begin(), record.parents.end(), id) == record.parents.end())
+      elsewhere.emplace(item, record);
+  }
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
-    notices = ListingMerge(state, store, settings, begun).Apply(folder, listed);
+    notices = merge.Apply(folder, listed, elsewhere);
   }
   Tell(notices);
   return 0;

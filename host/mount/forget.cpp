@@ -35,9 +35,17 @@ void Detach(State& state, Item& item) {
 
 bool GoneAtService(State& state, ContentStore& store, Item item, Notices& notices) {
   bool stayed = false;
+  state.standing.erase(item.id);
   if (item.IsFolder())
-    for (const Item& child : state.items.Children(item.ino, true))
-      stayed = GoneAtService(state, store, child, notices) || stayed;
+    for (const Item& child : state.items.Children(item.ino, true)) {
+      // The queue finds out whether somebody else has moved it out before.
+      if (child.deleted && state.journal.Has(child.ino)) continue;
+      // Put there by a program on the mount; at the service it is elsewhere, where nothing
+      // happened.
+      const bool movedIn = !child.id.empty() && child.remoteParent != item.id;
+      const bool stays = movedIn ? !child.deleted : GoneAtService(state, store, child, notices);
+      stayed = stays || stayed;
+    }
   const std::optional<JournalRow> row = state.journal.Find(item.ino);
   const bool local = row && (row->content != 0 || row->editing || item.id.empty());
   if (!item.deleted && (stayed || local)) {

@@ -6,7 +6,7 @@ namespace {
 constexpr char kColumns[] =
     "ino, content, generation, editing, times, hasBase, baseTime, baseSize, after, attempted, "
     "attemptParent, attemptName, attemptHash, attemptSize, attemptGeneration, since, tries, error, "
-    "attemptTime";
+    "attemptTime, movedTo";
 
 std::string Select(const std::string& rest) {
   return std::string("SELECT ") + kColumns + " FROM mount_journal " + rest;
@@ -34,6 +34,7 @@ JournalRow ReadRow(const Statement& row) {
   result.tries = row.Integer(column++);
   result.error = row.Text(column++);
   result.attemptTime = row.Text(column++);
+  result.movedTo = row.Text(column++);
   return result;
 }
 
@@ -50,7 +51,7 @@ JournalTable::JournalTable(Database& database)
                                     "attemptParent = ?1 AND attemptName = ?2 AND ino <> ?3")),
       put(database.Prepare(std::string("INSERT OR REPLACE INTO mount_journal (") + kColumns +
                            ") VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
-                           "?17,?18,?19)")),
+                           "?17,?18,?19,?20)")),
       erase(database.Prepare("DELETE FROM mount_journal WHERE ino = ?1")) {}
 
 std::optional<JournalRow> JournalTable::Find(Inode ino) {
@@ -118,6 +119,7 @@ void JournalTable::Put(const JournalRow& row) {
   put.Bind(at++, row.tries);
   put.Bind(at++, row.error);
   put.Bind(at++, row.attemptTime);
+  put.Bind(at++, row.movedTo);
   put.Run();
 }
 

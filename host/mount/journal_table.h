@@ -34,6 +34,7 @@ struct JournalRow {
   std::string attemptTime{};  ///< the modification time that was last sent on purpose
   int64_t attemptSize = 0;
   int64_t attemptGeneration = 0;
+  std::string movedTo{};  ///< folder of a move whose answer has not come
 
   int64_t since = 0;    ///< seconds since 1970
   int64_t tries = 0;    ///< failed ones since the last success

@@ -55,7 +55,28 @@ void FillRemote(Item& item, const RemoteItem& record, const std::string& parentI
   item.otherParents = Others(record, parentId);
 }
 
-Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed) {
+std::vector<std::string> ListingMerge::MissingWithWork(Inode folder,
+                                                       const std::vector<RemoteItem>& listed) {
+  std::set<std::string> there;
+  for (const RemoteItem& record : listed) there.insert(record.id);
+  const std::optional<Item> above = state.items.Find(folder);
+  std::map<Inode, std::string> missing;
+  for (const Item& item : state.items.Children(folder))
+    if (above && item.remoteParent == above->id && there.count(item.id) == 0 && !item.id.empty())
+      missing[item.ino] = item.id;
+  std::set<std::string> found;
+  if (missing.empty()) return {};
+  for (const JournalRow& row : state.journal.All()) {
+    std::optional<Item> item = state.items.Find(row.ino);
+    while (item && item->ino != kRootInode && missing.count(item->ino) == 0)
+      item = state.items.Find(item->parent);
+    if (item && item->ino != kRootInode) found.insert(item->id);
+  }
+  return {found.begin(), found.end()};
+}
+
+Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed,
+                            const std::map<std::string, RemoteItem>& elsewhere) {
   state.Change([&] {
     std::optional<Item> folder = state.items.Find(ino);
     if (!folder || folder->deleted) return;
@@ -63,7 +84,7 @@ Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed) {
     attempted.insert(names.begin(), names.end());
     for (const RemoteItem& record : listed)
       if (!record.id.empty()) Take(*folder, Shown(record, settings));
-    RemoveMissing(*folder);
+    RemoveMissing(*folder, elsewhere);
     folder = state.items.Find(ino);
     if (!folder) return;
     folder->listedAt = NowSeconds();
@@ -75,13 +96,19 @@ Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed) {
 
 void ListingMerge::Take(const Item& folder, const RemoteItem& record) {
   if (!seen.insert(record.id).second) return;
+  if ((record.attributes & kFsFolder) != 0 && begun >= state.failedAt)
+    state.standing.insert(record.id);
   const auto buried = state.buried.find(record.id);
   if (buried != state.buried.end() && buried->second > begun) return;
   const std::vector<Item> holders = state.items.WithId(record.id);
   for (const Item& item : holders) {
+    if (item.deleted && state.journal.Has(item.ino)) return;
     // Known here, or known here by the service and already elsewhere on the mount.
     if (item.remoteParent == folder.id || item.parent == folder.ino) {
-      if (item.stamp <= begun && !item.deleted) Refresh(item, record);
+      if (item.deleted) return;
+      if (item.stamp <= begun) return Refresh(item, record);
+      // Outdated or newer than what this host did since: a later listing tells.
+      uncertain = uncertain || record.time3 != item.remoteTime || record.name != item.remoteName;
       return;
     }
   }
@@ -167,13 +194,41 @@ void ListingMerge::TakeVersion(Item& item, const RemoteItem& record) {
   notices.push_back({Notice::kVersion, item.ino, ""});
 }
 
-void ListingMerge::RemoveMissing(const Item& folder) {
+void ListingMerge::RemoveMissing(const Item& folder,
+                                 const std::map<std::string, RemoteItem>& elsewhere) {
   for (const Item& item : state.items.Children(folder.ino)) {
     if (item.id.empty() || seen.count(item.id) != 0 || item.stamp > begun) continue;
     // Moved here by a program; the service has yet to follow.
     if (item.remoteParent != folder.id) continue;
-    GoneAtService(state, store, item, notices);
+    const auto at = elsewhere.find(item.id);
+    if (at == elsewhere.end()) {
+      GoneAtService(state, store, item, notices);
+      continue;
+    }
+    notices = FollowMove(item, at->second);
   }
+}
+
+Notices ListingMerge::FollowMove(Item item, const RemoteItem& record) {
+  const std::optional<Item> old = state.items.Find(item.parent);
+  const bool movedHereToo = old && old->id != item.remoteParent;
+  item.remoteParent = record.parents[0];
+  Inode target = 0;
+  for (const Item& folder : state.items.WithId(item.remoteParent))
+    if (!folder.deleted && folder.IsFolder()) target = folder.ino;
+  if (target != 0 && !movedHereToo) {
+    notices.push_back({Notice::kEntry, item.parent, item.name});
+    item.parent = target;
+    item.name = state.FreeName(target, item);
+    notices.push_back({Notice::kEntry, item.parent, item.name});
+  }
+  state.items.Update(item);
+  Refresh(item, record);
+  if (target == 0 || movedHereToo) {
+    state.journal.Put(state.RowFor(item));
+    state.newlyOwed.push_back(item.ino);
+  }
+  return std::move(notices);
 }
 
 }  // namespace host::mount

@@ -4,6 +4,7 @@
 // does what this host did at the service after the listing began.
 #pragma once
 
+#include <map>
 #include <set>
 
 #include "host/mount/content_store.h"
@@ -20,8 +21,16 @@ class ListingMerge {
                int64_t itsBegun)
       : state(itsState), store(itsStore), settings(itsSettings), begun(itsBegun) {}
 
-  /// State held. One transaction. Tells what programs can see of it.
-  Notices Apply(Inode folder, const std::vector<RemoteItem>& listed);
+  /// Items of which the listing says nothing, with work of programs in or below them: whoever
+  /// lists should ask what became of each. State held.
+  std::vector<std::string> MissingWithWork(Inode folder, const std::vector<RemoteItem>& listed);
+  /// State held. One transaction. Tells what programs can see of it. `elsewhere`: what the service
+  /// says of items that are not in this folder any more but in another one.
+  Notices Apply(Inode folder, const std::vector<RemoteItem>& listed,
+                const std::map<std::string, RemoteItem>& elsewhere = {});
+  /// State held, in a transaction. The item is in another folder now, as its record says. Into one
+  /// that is not known here it cannot be followed: then it is brought back.
+  Notices FollowMove(Item item, const RemoteItem& record);
 
  private:
   void Take(const Item& folder, const RemoteItem& record);
@@ -30,7 +39,7 @@ class ListingMerge {
   void Refresh(Item item, const RemoteItem& record);
   void TakeName(Item& item, const RemoteItem& record);
   void TakeVersion(Item& item, const RemoteItem& record);
-  void RemoveMissing(const Item& folder);
+  void RemoveMissing(const Item& folder, const std::map<std::string, RemoteItem>& elsewhere);
 
   State& state;
   ContentStore& store;

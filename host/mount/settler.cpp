@@ -43,10 +43,11 @@ Verdict Settler::Step(Inode ino, Sending& sending) {
   if (work.item.deleted) return Delete(work);
   if (work.item.id.empty()) return Create(work, sending);
   if (work.row.content != 0) return Send(work, sending);
+  if (!work.row.movedTo.empty()) return LookForLostMove(work);
   if (Trimmed(work.item.driveName) != work.item.remoteName ||
       work.parent.id != work.item.remoteParent)
     return Relocate(work);
-  if (work.row.times) return SetTimes(work);
+  if (work.row.times) return SetTimes(work, sending);
   return Finish(work);
 }
 
@@ -56,8 +57,9 @@ Verdict Settler::Finish(const Work& work) {
   const std::optional<Item> item = state.items.Find(work.item.ino);
   // Only what was looked at may be struck out.
   const bool same = row && item && !row->editing && row->content == 0 && !row->times &&
-                    item->deleted == work.item.deleted && item->id == work.item.id &&
-                    item->driveName == work.item.driveName && item->parent == work.item.parent;
+                    row->movedTo.empty() && item->deleted == work.item.deleted &&
+                    item->id == work.item.id && item->driveName == work.item.driveName &&
+                    item->parent == work.item.parent;
   if (!same) return {.kind = Verdict::kProgress};
   state.journal.Erase(work.item.ino);
   return {};
@@ -65,6 +67,8 @@ Verdict Settler::Finish(const Work& work) {
 
 void Settler::NoteFailure(Inode ino, const std::string& error) {
   std::lock_guard lock(state.mutex);
+  state.standing.clear();
+  state.failedAt = state.NextStamp();
   std::optional<JournalRow> row = state.journal.Find(ino);
   if (!row) return;
   if (row->error != error) {

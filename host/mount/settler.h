@@ -39,6 +39,7 @@ struct Sending {
   Transfer transfer = std::make_shared<_FS_HANDLE>();
   std::atomic<int64_t> size{0};  ///< bytes; 0 while nothing is sent
   std::atomic<int64_t> sent{0};
+  bool confirmed = false;  ///< the service has just taken the bytes; for the settling thread only
 };
 
 class Settler {
@@ -63,7 +64,7 @@ class Settler {
     Item parent;
     bool parentOwed = false;  // the parent's own names are not settled
   };
-  enum class Seen { kSame, kChanged, kGone, kUnknown };
+  enum class Seen { kSame, kChanged, kGone, kElsewhere, kUnknown };
 
   std::optional<Verdict> Read(Inode ino, Work& work);
   Verdict Finish(const Work& work);
@@ -102,14 +103,23 @@ class Settler {
 
   // settler_names.cpp
   Verdict Relocate(const Work& work);
-  Verdict SetTimes(const Work& work);
+  Verdict SetTimes(const Work& work, const Sending& sending);
+  std::optional<Verdict> RequireVersion(const Work& work);
   Verdict Delete(const Work& work);
+  Verdict DeleteFile(const Work& work);
+  Verdict LeaveToOthers(const Work& work, const std::string& why);
   Verdict DeleteFolder(const Work& work);
   Verdict DeleteAtService(const Work& work);
-  Verdict Restore(const Work& work, const std::vector<RemoteItem>& listed, int64_t begun);
   Verdict Vanished(const Work& work);
   std::optional<bool> Exists(const Work& work);
-  std::optional<bool> IsListed(const std::string& folder, const std::string& id);
+  std::optional<bool> IsListed(const std::string& folder, const std::string& id, int depth = 0);
+  std::optional<bool> Stands(const std::string& id, int depth = 0);
+  bool HasMoved(const std::string& id, const std::string& from);
+  std::optional<bool> NothingWhileAway();
+  std::optional<Verdict> PrepareMove(const Work& work, bool moves);
+  Verdict LookForLostMove(const Work& work);
+  Verdict FollowMove(const Work& work, Verdict otherwise);
+  std::optional<Verdict> RequireFolder(const std::string& id);
   bool ConfirmPlace(const Work& work, const std::string& name, const std::string& parentId);
   void Done(const Work& work);
 
@@ -123,5 +133,7 @@ class Settler {
 
 /// The name under which the service is to know an item.
 std::string NameToSend(const Item& item);
+
+bool HasParent(const RemoteItem& record, const std::string& id);
 
 }  // namespace host::mount

@@ -117,11 +117,15 @@ Verdict Settler::Send(const Work& work, Sending& sending) {
     case Seen::kUnknown:
       return {.kind = Verdict::kFailed, .error = "the service cannot be asked about it"};
     case Seen::kGone: {
+      if (std::optional<Verdict> verdict = RequireFolder(work.parent.id)) return *verdict;
       std::lock_guard lock(state.mutex);
       std::optional<Item> item = state.items.Find(work.item.ino);
       if (item && item->id == work.item.id) state.Change([&] { Detach(state, *item); });
       return {.kind = Verdict::kProgress};
     }
+    case Seen::kElsewhere:
+      return FollowMove(
+          work, {.kind = Verdict::kFailed, .error = "the service cannot be asked about it"});
     case Seen::kChanged:
       return Reconsider(work, record);
     case Seen::kSame:
@@ -166,6 +170,7 @@ Verdict Settler::SendOver(const Work& work, Sending& sending) {
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record))
     return Lost(work, "not uploaded: " + Meaning(code));
   NoteSent(work, record, record.size == size ? work.row.generation : -1);
+  sending.confirmed = true;
   return {.kind = Verdict::kProgress};
 }
 
@@ -186,9 +191,8 @@ Settler::Seen Settler::Compare(const Work& work, RemoteItem& record) {
       const std::optional<bool> exists = Exists(work);
       return exists && !*exists ? Seen::kGone : Seen::kUnknown;
     }
-    const bool inPlace = std::find(record.parents.begin(), record.parents.end(),
-                                   work.item.remoteParent) != record.parents.end();
-    if (inPlace && siblings <= kSmallFolder) return Seen::kGone;
+    if (!HasParent(record, work.item.remoteParent)) return Seen::kElsewhere;
+    if (siblings <= kSmallFolder) return Seen::kGone;
   }
   const std::string& time = work.row.hasBase ? work.row.baseTime : work.item.remoteTime;
   const int64_t size = work.row.hasBase ? work.row.baseSize : work.item.remoteSize;
@@ -197,7 +201,10 @@ Settler::Seen Settler::Compare(const Work& work, RemoteItem& record) {
 
 Settler::Seen Settler::CompareByListing(const Work& work, RemoteItem& record) {
   std::vector<RemoteItem> listed;
-  if (remote.List(work.item.remoteParent, listed) != AERROR::SUCCESS) return Seen::kUnknown;
+  if (remote.List(work.item.remoteParent, listed) != AERROR::SUCCESS) {
+    const std::optional<bool> stands = Stands(work.item.remoteParent);
+    return stands && !*stands ? Seen::kGone : Seen::kUnknown;
+  }
   const auto at = std::find_if(listed.begin(), listed.end(), [&](const RemoteItem& candidate) {
     return candidate.id == work.item.id;
   });

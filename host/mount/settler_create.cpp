@@ -16,8 +16,9 @@ Verdict Settler::Create(const Work& work, Sending& sending) {
         state.journal.OtherAttempt(work.item.ino, work.parent.id, Trimmed(NameToSend(work.item)));
     if (other != 0) return {.kind = Verdict::kBlocked, .on = other};
   }
+  if (!work.item.IsFolder() && work.row.content == 0) return {.kind = Verdict::kWaiting};
+  if (std::optional<Verdict> verdict = RequireFolder(work.parent.id)) return *verdict;
   if (work.item.IsFolder()) return CreateFolder(work);
-  if (work.row.content == 0) return {.kind = Verdict::kWaiting};
   return CreateFile(work, sending);
 }
 
@@ -67,6 +68,7 @@ Verdict Settler::CreateFile(const Work& work, Sending& sending) {
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record))
     return Lost(work, "not uploaded: " + Meaning(code));
   Adopt(work, record, work.parent.id, record.size == size ? work.row.generation : -1);
+  sending.confirmed = true;
   return {.kind = Verdict::kProgress};
 }
 
@@ -95,8 +97,12 @@ Verdict Settler::LookForLostCreate(const Work& work) {
   if (std::optional<Verdict> wait = AwaitLostAnswer(work.row)) return *wait;
   std::vector<RemoteItem> listed;
   const AERROR code = remote.List(work.row.attemptParent, listed);
-  if (code != AERROR::SUCCESS)
-    return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
+  if (code != AERROR::SUCCESS) {
+    // What was made in a folder that is gone is gone with it.
+    const std::optional<bool> stands = Stands(work.row.attemptParent);
+    if (!stands || *stands)
+      return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
+  }
   for (const RemoteItem& record : listed) {
     if (record.name != work.row.attemptName ||
         ((record.attributes & kFsFolder) != 0) != work.item.IsFolder())
@@ -132,6 +138,7 @@ void Settler::Adopt(const Work& work, const RemoteItem& record, const std::strin
     item->id = record.id;
     item->remoteParent = parentId;
     state.items.Update(*item);
+    if (item->IsFolder()) state.standing.insert(item->id);
     NoteSentLocked(item->ino, item->id, record, generationSent);
   });
 }

@@ -2,6 +2,7 @@
 #include <sstream>
 
 #include "host/core/failure.h"
+#include "host/mount/forget.h"
 #include "host/mount/listing_merge.h"
 #include "host/mount/name_map.h"
 #include "host/mount/settler.h"
@@ -9,6 +10,9 @@
 
 namespace host::mount {
 namespace {
+
+/// Folders above each other; what is known of them may be out of date and go round in circles.
+constexpr int kDeepest = 200;
 
 RemoteItem RecordOf(const Item& item) {
   RemoteItem record;
@@ -24,31 +28,102 @@ RemoteItem RecordOf(const Item& item) {
 
 }  // namespace
 
-/// Whether a folder of the service has an item; nothing when it cannot be listed.
-std::optional<bool> Settler::IsListed(const std::string& folder, const std::string& id) {
+bool HasParent(const RemoteItem& record, const std::string& id) {
+  return std::find(record.parents.begin(), record.parents.end(), id) != record.parents.end();
+}
+
+/// Whether a folder of the service has an item; nothing when that cannot be known now. A folder
+/// that is gone has none.
+std::optional<bool> Settler::IsListed(const std::string& folder, const std::string& id, int depth) {
   std::vector<RemoteItem> listed;
-  if (remote.List(folder, listed) != AERROR::SUCCESS) return std::nullopt;
-  return std::any_of(listed.begin(), listed.end(),
-                     [&](const RemoteItem& item) { return item.id == id; });
+  if (remote.List(folder, listed) == AERROR::SUCCESS)
+    return std::any_of(listed.begin(), listed.end(),
+                       [&](const RemoteItem& item) { return item.id == id; });
+  const std::optional<bool> stands = Stands(folder, depth);
+  return stands && !*stands ? stands : std::nullopt;
+}
+
+/// Whether a folder can be reached from the drive's top: it, or one above it, may have been deleted
+/// or put into the trash, where the service takes new items without a word. Nothing when that
+/// cannot be known now. What is found to be gone is gone from the tables afterwards.
+std::optional<bool> Settler::Stands(const std::string& id, int depth) {
+  if (depth > kDeepest) return std::nullopt;
+  std::string above;
+  Inode aboveIno = 0;
+  int64_t begun = 0;
+  {
+    std::lock_guard lock(state.mutex);
+    begun = state.Stamp();
+    if (state.standing.count(id) != 0) return true;
+    const std::vector<Item> known = state.items.WithId(id);
+    if (!known.empty()) above = known[0].remoteParent;
+    if (!known.empty() && (above.empty() || known[0].parent == kRootInode)) return true;
+    for (const Item& item : state.items.WithId(above)) aboveIno = item.ino;
+  }
+  RemoteItem record;
+  if (above.empty()) {
+    if (remote.Info(id, record) != AERROR::SUCCESS) return NothingWhileAway();
+    if (record.parents.empty()) return true;  // the top of a drive
+    above = record.parents[0];
+  }
+  std::optional<bool> stands = IsListed(above, id, depth + 1);
+  if (stands && !*stands && aboveIno != 0) {
+    folders.RefreshNow(aboveIno);
+    if (HasMoved(id, above)) return Stands(id, depth + 1);
+  }
+  if (stands && *stands) stands = Stands(above, depth + 1);
+  std::lock_guard lock(state.mutex);
+  if (stands && *stands && begun >= state.failedAt) state.standing.insert(id);
+  return stands;
+}
+
+bool Settler::HasMoved(const std::string& id, const std::string& from) {
+  std::lock_guard lock(state.mutex);
+  const std::vector<Item> known = state.items.WithId(id);
+  return !known.empty() && known[0].remoteParent != from;
+}
+
+/// A no, when the service answers at all.
+std::optional<bool> Settler::NothingWhileAway() {
+  std::string top;
+  {
+    std::lock_guard lock(state.mutex);
+    if (const std::optional<Item> root = state.items.Find(kRootInode); !root->IsMadeUp())
+      top = root->id;
+    for (const Item& item : state.items.Children(kRootInode))
+      if (top.empty() && !item.IsMadeUp()) top = item.id;
+  }
+  RemoteItem record;
+  if (remote.Info(top, record) != AERROR::SUCCESS) return std::nullopt;
+  return false;
 }
 
 /// Whether the service has the item: where it was last seen, or where an answer that was lost may
 /// have put it. Nothing when that cannot be known now; only a certain no may lead to anything.
 std::optional<bool> Settler::Exists(const Work& work) {
-  RemoteItem record;
-  if (remote.Info(work.item.id, record) == AERROR::SUCCESS) return true;
   for (const std::string& folder : {work.item.remoteParent, work.parent.id}) {
     if (folder.empty()) continue;
     const std::optional<bool> listed = IsListed(folder, work.item.id);
     if (!listed || *listed) return listed;
   }
-  return false;
+  // Last: by now the service has answered, so no answer about the item means that there is none.
+  RemoteItem record;
+  return remote.Info(work.item.id, record) == AERROR::SUCCESS;
+}
+
+/// What is to be done instead of putting something into a folder that is not there.
+std::optional<Verdict> Settler::RequireFolder(const std::string& id) {
+  const std::optional<bool> stands = Stands(id);
+  if (!stands) return Verdict{.kind = Verdict::kFailed, .error = "its folder cannot be found"};
+  if (*stands) return std::nullopt;
+  return Verdict{.kind = Verdict::kFailed, .error = "its folder is gone"};
 }
 
 Verdict Settler::Relocate(const Work& work) {
   const bool moves = work.parent.id != work.item.remoteParent;
   // A folder is moved before what goes into it, so that no two ever contain each other.
   if (moves && work.parentOwed) return {.kind = Verdict::kBlocked, .on = work.parent.ino};
+  if (std::optional<Verdict> verdict = PrepareMove(work, moves)) return *verdict;
   const std::string name = NameToSend(work.item);
   RemoteItem record = RecordOf(work.item);
   const AERROR code = moves ? remote.Move(work.item.remoteParent, work.parent.id, record)
@@ -58,7 +133,70 @@ Verdict Settler::Relocate(const Work& work) {
     const std::optional<bool> exists = Exists(work);
     if (exists && !*exists) return Vanished(work);
   }
-  return {.kind = Verdict::kFailed, .error = "not renamed or moved: " + Meaning(code)};
+  return FollowMove(work,
+                    {.kind = Verdict::kFailed, .error = "not renamed or moved: " + Meaning(code)});
+}
+
+/// Notes where the item is to go: when the answer is lost and a program has moved it on, or back,
+/// the service has another idea of its place and name than the tables.
+std::optional<Verdict> Settler::PrepareMove(const Work& work, bool moves) {
+  if (moves)
+    if (std::optional<Verdict> verdict = RequireFolder(work.parent.id)) return verdict;
+  {
+    std::lock_guard lock(state.mutex);
+    std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+    const std::optional<Item> item = state.items.Find(work.item.ino);
+    if (!row || !item || item->id != work.item.id) return Verdict{.kind = Verdict::kProgress};
+    row->movedTo = work.parent.id;
+    state.journal.Put(*row);
+  }
+  if (!state.Sync()) return Verdict{.kind = Verdict::kFailed, .error = "the local disk refuses"};
+  return std::nullopt;
+}
+
+Verdict Settler::LookForLostMove(const Work& work) {
+  RemoteItem record;
+  if (remote.Info(work.item.id, record) != AERROR::SUCCESS) {
+    const std::optional<bool> exists = Exists(work);
+    if (exists && !*exists) return Vanished(work);
+    return {.kind = Verdict::kFailed, .error = "the service cannot be asked about it"};
+  }
+  const bool moved = HasParent(record, work.row.movedTo);
+  std::lock_guard lock(state.mutex);
+  std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+  std::optional<Item> item = state.items.Find(work.item.ino);
+  if (!row || !item || item->id != work.item.id) return {.kind = Verdict::kProgress};
+  state.Change([&] {
+    row->movedTo.clear();
+    state.journal.Put(*row);
+    if (moved) item->remoteParent = work.row.movedTo;
+    item->remoteName = record.name;
+    item->stamp = state.NextStamp();
+    state.items.Update(*item);
+  });
+  return {.kind = Verdict::kProgress};
+}
+
+/// Somebody else may have moved it out of the folder that it was known in; `otherwise` if not.
+Verdict Settler::FollowMove(const Work& work, Verdict otherwise) {
+  RemoteItem record;
+  if (remote.Info(work.item.id, record) != AERROR::SUCCESS || record.parents.empty() ||
+      HasParent(record, work.item.remoteParent))
+    return otherwise;
+  const std::optional<bool> stands = Stands(record.parents[0]);
+  if (!stands) return otherwise;
+  if (!*stands) return Vanished(work);
+  Notices notices;
+  {
+    std::lock_guard lock(state.mutex);
+    const std::optional<Item> item = state.items.Find(work.item.ino);
+    if (item && item->id == work.item.id && item->remoteParent == work.item.remoteParent)
+      state.Change([&] {
+        notices = ListingMerge(state, store, settings, state.Stamp()).FollowMove(*item, record);
+      });
+  }
+  folders.Tell(notices);
+  return {.kind = Verdict::kProgress};
 }
 
 /// Reads the item back: what the service says about it counts, not the answer to the request.
@@ -69,16 +207,26 @@ bool Settler::ConfirmPlace(const Work& work, const std::string& name, const std:
   const bool named =
       document ? DocumentName(record.name) == Trimmed(name) : record.name == Trimmed(name);
   // A document's record does not tell its parents.
-  const bool placed = document || std::find(record.parents.begin(), record.parents.end(),
-                                            parentId) != record.parents.end();
+  const bool placed = document || HasParent(record, parentId);
   if (!named || !placed) return false;
   std::lock_guard lock(state.mutex);
   std::optional<Item> item = state.items.Find(work.item.ino);
   if (!item || item->id != work.item.id) return true;
   item->remoteName = Trimmed(work.item.driveName);
   item->remoteParent = parentId;
+  // Moved elsewhere by somebody else meanwhile, it stands there too now, and is taken out again.
+  for (const std::string& parent : record.parents)
+    if (parent != parentId && parent != work.item.remoteParent &&
+        work.item.remoteParent != parentId &&
+        work.item.otherParents.find(parent) == std::string::npos)
+      item->remoteParent = parent;
   item->stamp = state.NextStamp();
-  state.items.Update(*item);
+  std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+  state.Change([&] {
+    state.items.Update(*item);
+    if (row) row->movedTo.clear();
+    if (row) state.journal.Put(*row);
+  });
   return true;
 }
 
@@ -95,7 +243,32 @@ Verdict Settler::Vanished(const Work& work) {
   return {.kind = Verdict::kProgress};
 }
 
-Verdict Settler::SetTimes(const Work& work) {
+/// Whether the service still has the version that is known here: setting its time would pass
+/// somebody else's bytes off as it.
+std::optional<Verdict> Settler::RequireVersion(const Work& work) {
+  RemoteItem record;
+  if (remote.Info(work.item.id, record) != AERROR::SUCCESS) {
+    const std::optional<bool> exists = Exists(work);
+    if (exists && !*exists) return Vanished(work);
+    return Verdict{.kind = Verdict::kFailed, .error = "the service cannot be asked about it"};
+  }
+  const bool same = record.time3 == work.item.remoteTime && record.size == work.item.remoteSize;
+  if (same || work.item.IsFolder() || work.item.IsMadeUp() || IsOwnTime(work, record))
+    return std::nullopt;
+  {
+    std::lock_guard lock(state.mutex);
+    if (std::optional<JournalRow> row = state.journal.Find(work.item.ino)) {
+      row->times = false;
+      state.journal.Put(*row);
+    }
+  }
+  folders.ReportChange(work.item.remoteParent);
+  return Verdict{.kind = Verdict::kProgress};
+}
+
+Verdict Settler::SetTimes(const Work& work, const Sending& sending) {
+  if (!sending.confirmed)
+    if (std::optional<Verdict> verdict = RequireVersion(work)) return *verdict;
   const std::string time = ToRfc3339(work.item.mtime);
   {
     std::lock_guard lock(state.mutex);
@@ -138,23 +311,68 @@ Verdict Settler::Delete(const Work& work) {
     Done(work);
     return {};
   }
-  return work.item.IsFolder() ? DeleteFolder(work) : DeleteAtService(work);
+  return work.item.IsFolder() ? DeleteFolder(work) : DeleteFile(work);
+}
+
+/// Only the version that was known here is deleted: what somebody else has written since is
+/// nobody's to throw away.
+Verdict Settler::DeleteFile(const Work& work) {
+  if (work.row.attempted)
+    if (std::optional<Verdict> wait = AwaitLostAnswer(work.row)) return *wait;
+  RemoteItem record;
+  if (remote.Info(work.item.id, record) != AERROR::SUCCESS) {
+    const std::optional<bool> exists = Exists(work);
+    if (!exists || *exists)
+      return {.kind = Verdict::kFailed,
+              .error = "not deleted: the service cannot be asked about it"};
+    Done(work);
+    return {};
+  }
+  const std::string& time = work.row.hasBase ? work.row.baseTime : work.item.remoteTime;
+  const int64_t size = work.row.hasBase ? work.row.baseSize : work.item.remoteSize;
+  const bool same = record.time3 == time && (work.item.IsMadeUp() || record.size == size);
+  if (same || IsOwnTime(work, record)) return DeleteAtService(work);
+  if (!work.row.attempted) return LeaveToOthers(work, "it was changed elsewhere");
+  const std::optional<bool> ours = HoldsAttempt(work.row, record);
+  if (!ours) return {.kind = Verdict::kFailed, .error = "the service's version cannot be read"};
+  return *ours ? DeleteAtService(work) : LeaveToOthers(work, "it was changed elsewhere");
+}
+
+/// What was deleted here shows up again as what it is at the service.
+Verdict Settler::LeaveToOthers(const Work& work, const std::string& why) {
+  std::vector<Item> above;
+  {
+    std::lock_guard lock(state.mutex);
+    std::optional<Item> item = state.items.Find(work.item.ino);
+    if (!item || item->id != work.item.id) return {.kind = Verdict::kProgress};
+    state.Change([&] {
+      item->id.clear();
+      state.items.Update(*item);
+      state.journal.Erase(item->ino);
+      Forget(state, store, *item);
+      state.AddEvent("\"" + work.item.remoteName + "\" was not deleted at the service: " + why);
+    });
+    above = state.items.WithId(work.item.remoteParent);
+  }
+  for (const Item& folder : above)
+    if (folder.IsFolder() && !folder.deleted && folder.listedAt != 0)
+      folders.RefreshNow(folder.ino);
+  return {};
 }
 
 /// A folder of the service goes with all that is in it, so it has to be empty first: what programs
 /// took out of it must be out, and what others put into it must not be lost.
 Verdict Settler::DeleteFolder(const Work& work) {
-  int64_t begun = 0;
   {
     std::lock_guard lock(state.mutex);
     for (const Item& item : state.items.HeldIn(work.item.id))
       if (item.ino != work.item.ino && state.journal.Has(item.ino))
         return {.kind = Verdict::kBlocked, .on = item.ino};
-    begun = state.Stamp();
   }
   std::vector<RemoteItem> listed;
   const AERROR code = remote.List(work.item.id, listed);
-  if (code == AERROR::SUCCESS && !listed.empty()) return Restore(work, listed, begun);
+  if (code == AERROR::SUCCESS && !listed.empty())
+    return LeaveToOthers(work, "something was put into it elsewhere");
   if (code == AERROR::SUCCESS) return DeleteAtService(work);
   const std::optional<bool> exists = Exists(work);
   if (exists && !*exists) {
@@ -162,28 +380,6 @@ Verdict Settler::DeleteFolder(const Work& work) {
     return {};
   }
   return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
-}
-
-/// Somebody else has put something into a folder that was removed here.
-Verdict Settler::Restore(const Work& work, const std::vector<RemoteItem>& listed, int64_t begun) {
-  Notices notices;
-  {
-    std::lock_guard lock(state.mutex);
-    std::optional<Item> item = state.items.Find(work.item.ino);
-    if (!item) return {};
-    state.Change([&] {
-      item->deleted = false;
-      item->name = state.FreeName(item->parent, *item);
-      state.items.Update(*item);
-      state.journal.Erase(item->ino);
-      state.AddEvent("the folder \"" + item->name +
-                     "\" is back: something was put into it elsewhere");
-      notices = ListingMerge(state, store, settings, begun).Apply(item->ino, listed);
-    });
-    notices.push_back({Notice::kEntry, item->parent, item->name});
-  }
-  folders.Tell(notices);
-  return {};
 }
 
 Verdict Settler::DeleteAtService(const Work& work) {

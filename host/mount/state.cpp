@@ -64,6 +64,9 @@ const std::vector<std::string>& MountSchema() {
     CREATE TABLE mount_redo(
       number INTEGER PRIMARY KEY AUTOINCREMENT, content INTEGER NOT NULL UNIQUE
       REFERENCES mount_contents(content) ON DELETE CASCADE, bytes BLOB NOT NULL);
+  )",
+                                                 R"(
+    ALTER TABLE mount_journal ADD COLUMN movedTo TEXT NOT NULL DEFAULT '';
   )"};
   return steps;
 }

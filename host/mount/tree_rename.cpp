@@ -93,6 +93,8 @@ bool Tree::TakeIdentity(Item& source, Item& target) {
   JournalRow row = state.RowFor(source);
   JournalRow old = state.RowFor(target);
   if (row.attempted || old.attempted) return false;
+  // Should the edit never be closed, what the source was before is still to be had under its id.
+  if (row.editing && !source.id.empty()) return false;
   if (row.content == 0 && !row.editing) {
     const ContentPtr content = source.size > kWorthSending ? nullptr : store.Current(source);
     if (!content || !content->IsComplete()) return false;
@@ -110,10 +112,13 @@ bool Tree::TakeIdentity(Item& source, Item& target) {
   std::swap(source.remoteSize, target.remoteSize);
   std::swap(source.otherParents, target.otherParents);
   source.stamp = target.stamp = state.NextStamp();
-  row.hasBase = old.hasBase;
-  row.baseTime = old.baseTime;
-  row.baseSize = old.baseSize;
+  std::swap(row.hasBase, old.hasBase);
+  std::swap(row.baseTime, old.baseTime);
+  std::swap(row.baseSize, old.baseSize);
+  std::swap(row.attemptTime, old.attemptTime);
+  std::swap(row.movedTo, old.movedTo);
   state.journal.Put(row);
+  state.journal.Put(old);
   state.items.Update(source);
   state.items.Update(target);
   return true;

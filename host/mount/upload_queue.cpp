@@ -50,12 +50,14 @@ void UploadQueue::Committed(Inode ino, bool heldOpen) {
 }
 
 void UploadQueue::Schedule(Inode ino, Milliseconds delay) {
+  bool owed = false;
   {
     std::lock_guard lock(state.mutex);
-    if (!state.journal.Has(ino)) return;
+    owed = state.journal.Has(ino);
   }
   std::lock_guard lock(mutex);
-  ScheduleLocked(ino, hurrying > 0 ? Milliseconds(0) : delay);
+  // One that was waiting for a program's close may owe nothing any more: a step finds out.
+  if (owed || entries.count(ino) != 0) ScheduleLocked(ino, hurrying > 0 ? Milliseconds(0) : delay);
 }
 
 void UploadQueue::ScheduleLocked(Inode ino, Milliseconds delay) {

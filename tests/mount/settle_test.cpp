@@ -117,6 +117,10 @@ TEST_F(Settle, KeepsARemoteEditBesideALocalOne) {
 }
 
 TEST_F(Settle, GivesTheIdOfAReplacedFileToItsSuccessor) {
+  Settings slow = QuickSettings();
+  slow.uploadDelay = Milliseconds(2000);  // nothing is just being sent
+  Stop();
+  Start(slow);
   ASSERT_EQ(Write("doc.odt", "first"), 0);
   Drain();
   const std::string id = *service.Find("doc.odt");
@@ -154,6 +158,54 @@ TEST_F(Settle, DoesNotDeleteWhatOthersPutIntoAFolder) {
   Drain();
   EXPECT_EQ(AtService("box/theirs.txt"), "precious");
   EXPECT_EQ(Read("box/theirs.txt"), "precious");
+}
+
+TEST_F(Settle, DeletesOnlyTheVersionThatWasKnownHere) {
+  for (const char* name : {"deleted.txt", "replaced.txt", "source.txt"})
+    ASSERT_EQ(Write(name, "base of " + std::string(name)), 0);
+  Drain();
+  for (const char* name : {"deleted.txt", "replaced.txt", "source.txt"})
+    service.Write(*service.Find(name), "theirs of " + std::string(name));
+  ASSERT_EQ(Remove("deleted.txt"), 0);
+  ASSERT_EQ(Rename("source.txt", "replaced.txt"), 0);
+  Drain();
+  EXPECT_EQ(AtService("deleted.txt"), "theirs of deleted.txt");
+  EXPECT_EQ(AtService("replaced.txt"), "theirs of replaced.txt");
+  EXPECT_EQ(AtService("source.txt"), "theirs of source.txt");
+  const std::vector<std::string> names = NamesAtService();
+  ASSERT_EQ(names.size(), 4u);
+  EXPECT_EQ(AtService(names[1]), "base of source.txt") << names[1];
+  Refresh();
+  EXPECT_EQ(Names(), names);
+}
+
+TEST_F(Settle, PutsNothingIntoAFolderThatIsInTheTrash) {
+  ASSERT_EQ(MakeFolder("dir"), 0);
+  ASSERT_EQ(Write("dir/known.txt", "one"), 0);
+  Drain();
+  Fault("*", "reset-before", 1'000'000);
+  ASSERT_EQ(Write("dir/known.txt", "two"), 0);
+  ASSERT_EQ(Write("dir/new.txt", "new"), 0);
+  service.Trash(*service.Find("dir"));
+  EXPECT_FALSE(drive->queue.Drain(Milliseconds(200)));
+  service.ClearFaults();
+  Drain();
+  EXPECT_EQ(AtService("dir/known.txt"), "two");
+  EXPECT_EQ(AtService("dir/new.txt"), "new");
+}
+
+TEST_F(Settle, FollowsAMoveUnderALocalEdit) {
+  service.Put("from/a.txt", "one");
+  service.Put("to/keep", "");
+  ASSERT_EQ(Read("from/a.txt"), "one");
+  ASSERT_EQ(Names("to").size(), 1u);
+  service.Move(*service.Find("from/a.txt"), *service.Find("to"));
+  ASSERT_EQ(Write("from/a.txt", "two"), 0);
+  Refresh("from");
+  Drain();
+  EXPECT_EQ(AtService("to/a.txt"), "two");
+  EXPECT_THAT(NamesAtService("from"), ElementsAre());
+  EXPECT_EQ(Read("to/a.txt"), "two");
 }
 
 TEST_F(Settle, SendsNothingButWholeCommits) {
