@@ -17,6 +17,7 @@ constexpr int kReadAheadThreads = 20;
 constexpr Milliseconds kHousekeeping{2000};
 constexpr Milliseconds kReconnect{5000};
 constexpr std::chrono::seconds kQuotaAge{60};
+constexpr std::chrono::seconds kProbeAge{60};
 
 }  // namespace
 
@@ -128,11 +129,9 @@ void Drive::NotePinned(const Notices& notices) {
   toKeep.insert(pinned.begin(), pinned.end());
 }
 
-bool Drive::Poll() { return remote.Changes(relay) == AERROR::SUCCESS; }
-
 bool Drive::Connected() {
   std::lock_guard lock(mutex);
-  return connected && reachable;
+  return connected && reachable && !patience.IsSilent();
 }
 
 void Drive::Follow(std::function<bool()> connect) {
@@ -143,7 +142,8 @@ void Drive::Follow(std::function<bool()> connect) {
     lock.unlock();
     const bool joined = known || connect();
     const Clock::time_point begun = Clock::now();
-    const bool reached = joined && FollowOnce();
+    if (joined) Poll();
+    const bool reached = joined && IsReached();
     // What is found is seen some requests later: they are a part of the time between two polls.
     const Milliseconds requests = std::chrono::ceil<Milliseconds>(Clock::now() - begun) * 4;
     const Milliseconds pause = std::max(settings.poll - requests, settings.poll / 2);
@@ -156,13 +156,34 @@ void Drive::Follow(std::function<bool()> connect) {
   }
 }
 
-bool Drive::FollowOnce() {
-  const bool reached = Poll();
-  if (reached && Clock::now() >= quotaDue) {
+/// Whether the service answers. A poll does not tell; so a record is asked for when nothing else
+/// was heard of the service, now and then while all is well and with every poll while it is not.
+bool Drive::IsReached() {
+  const int64_t now = remote.Heard();
+  const bool quiet = std::exchange(heard, now) == now;
+  if (quiet && (!Connected() || Clock::now() >= probeDue)) {
+    RemoteItem record;
+    const std::string id = IdToAskFor();
+    if (!id.empty() && remote.Info(id, record) != AERROR::SUCCESS) return false;
+    probeDue = Clock::now() + kProbeAge;
+  } else if (!quiet) {
+    probeDue = Clock::now() + kProbeAge;
+  }
+  if (Clock::now() >= quotaDue) {
     AskQuota();
     quotaDue = Clock::now() + kQuotaAge;
   }
-  return reached;
+  return true;
+}
+
+/// A folder that the service has for certain; empty while none is known.
+std::string Drive::IdToAskFor() {
+  std::lock_guard lock(state.mutex);
+  std::optional<Item> root = state.items.Find(kRootInode);
+  if (root && !root->IsVirtualFolder()) return root->id;
+  for (const Item& item : state.items.Children(kRootInode))
+    if (item.IsFolder() && !item.IsVirtualFolder()) return item.id;
+  return "";
 }
 
 void Drive::AskQuota() {

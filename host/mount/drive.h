@@ -59,8 +59,8 @@ class Drive final : private Observer {
   void Stop();
   void SetKernel(Observer* kernel) { observer = kernel; }
 
-  /// Polls once, now. False when the service did not answer.
-  bool Poll();
+  /// Polls once, now.
+  void Poll() { remote.Changes(relay); }
   /// Keeps an item, and all below it, on the local disk; what is missing is fetched in the
   /// background. A positive errno or 0.
   int Pin(Inode ino, bool pinned);
@@ -99,7 +99,8 @@ class Drive final : private Observer {
   void Changed(const Notices& notices) override;
   void TakeRoot(const std::string& rootId);
   void Follow(std::function<bool()> connect);
-  bool FollowOnce();
+  bool IsReached();
+  std::string IdToAskFor();
   void Housekeep();
   void MeasureRates();
   void AskQuota();
@@ -120,7 +121,8 @@ class Drive final : private Observer {
   Quota quota;
   Rates rates, counted;  // `counted`: bytes so far
   Clock::time_point measured = Clock::now();
-  Clock::time_point quotaDue{};  // the follower's own
+  Clock::time_point quotaDue{}, probeDue{};  // the follower's own, as the next
+  int64_t heard = 0;
   std::thread follower, housekeeper;
 };
 

@@ -194,9 +194,11 @@ void FolderCache::ListAhead(Inode folder, int depth) {
 
 int FolderCache::Wait(const ListingPtr& listing) {
   std::unique_lock lock(mutex);
-  const int error = patience.Await(
+  Patience::Wait wait(patience);
+  const int error = wait.Until(
       lock, listing->ended, [&] { return listing->done; }, [] { return 0; });
-  return error != 0 ? error : listing->error;
+  if (error != 0) return error;
+  return listing->error == 0 ? 0 : wait.InVain(listing->error);
 }
 
 }  // namespace host::mount

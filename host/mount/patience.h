@@ -38,16 +38,13 @@ class CallerWatch {
 
 class Patience {
  public:
+  class Wait;
+
   Patience(const Remote& itsRemote, Milliseconds itsWhole) : remote(itsRemote), whole(itsWhole) {}
 
   /// From now on nobody waits: the mount ends.
   void End() { ended = true; }
-
-  /// Waits on `changed`, which goes with `lock`, until `over()`. Time counts from the last change
-  /// of what `progress()` returns. 0, ETIMEDOUT, EINTR, or EIO at the end.
-  template <typename Over, typename Progress>
-  int Await(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, Over&& over,
-            Progress&& progress);
+  bool IsSilent() const { return silentSince == remote.Heard(); }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -62,22 +59,44 @@ class Patience {
   std::atomic<int64_t> silentSince{-1};  ///< what Remote::Heard was when somebody waited in vain
 };
 
+/// What one program waits for, however many tries it takes. Used by one thread.
+class Patience::Wait {
+ public:
+  explicit Wait(Patience& itsPatience)
+      : patience(itsPatience),
+        heard(patience.remote.Heard()),
+        first(patience.IsSilent() ? std::min(patience.whole, kWhileSilent) : patience.whole) {}
+
+  /// Waits on `changed`, which goes with `lock`, until `over()`. Time counts from the last change
+  /// of what `progress()` returns. 0, ETIMEDOUT, EINTR, or EIO at the end.
+  template <typename Over, typename Progress>
+  int Until(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, Over&& over,
+            Progress&& progress);
+  /// It was for nothing; the error, for the caller's convenience.
+  int InVain(int error) {
+    if (patience.remote.Heard() == heard) patience.silentSince = heard;
+    return error;
+  }
+
+ private:
+  Clock::time_point Deadline() const {
+    return begin + (patience.remote.Heard() == heard ? first : patience.whole);
+  }
+
+  Patience& patience;
+  const int64_t heard;
+  const Milliseconds first;
+  Clock::time_point begin = Clock::now();
+};
+
 template <typename Over, typename Progress>
-int Patience::Await(std::unique_lock<std::mutex>& lock, std::condition_variable& changed,
-                    Over&& over, Progress&& progress) {
-  const int64_t heard = remote.Heard();
-  const Milliseconds first = silentSince == heard ? std::min(whole, kWhileSilent) : whole;
-  auto begin = Clock::now();
+int Patience::Wait::Until(std::unique_lock<std::mutex>& lock, std::condition_variable& changed,
+                          Over&& over, Progress&& progress) {
   auto seen = progress();
   while (!over()) {
-    const bool silent = remote.Heard() == heard;
-    const auto end = begin + (silent ? first : whole);
-    if (ended) return EIO;
-    if (Clock::now() >= end) {
-      if (silent) silentSince = heard;
-      return ETIMEDOUT;
-    }
-    changed.wait_until(lock, std::min(end, Clock::now() + kBetweenLooks));
+    if (patience.ended) return EIO;
+    if (Clock::now() >= Deadline()) return InVain(ETIMEDOUT);
+    changed.wait_until(lock, std::min(Deadline(), Clock::now() + kBetweenLooks));
     if (CallerWatch::CallerIsGone()) return over() ? 0 : EINTR;
     const auto now = progress();
     if (now != seen) begin = Clock::now();

@@ -162,6 +162,7 @@ void Reader::Finish(const ContentPtr& content, const Fetch& fetch, int error) {
 int Reader::Await(const ContentPtr& content, const std::string& id, int64_t from, int64_t to) {
   const int64_t first = PageMap::PageOf(from);
   const int64_t end = PageMap::PagesIn(to);
+  Patience::Wait wait(patience);
   for (int attempt = 0;; ++attempt) {
     std::unique_lock lock(content->mutex);
     const auto underWay = [&] {
@@ -170,13 +171,13 @@ int Reader::Await(const ContentPtr& content, const std::string& id, int64_t from
       return !content->pages.Has(first, end);
     };
     Hurry(content, first, end);
-    const int error = patience.Await(
+    const int error = wait.Until(
         lock, content->arrived, [&] { return !underWay(); },
         [&] { return content->pages.PresentPages(); });
     if (error != 0) return error;
     if (content->pages.Has(first, end)) return 0;
     if (attempt + 1 == kTries || content->lastError == ENOSPC)
-      return content->lastError != 0 ? content->lastError : EIO;
+      return wait.InVain(content->lastError != 0 ? content->lastError : EIO);
     lock.unlock();
     Want(content, id, from, to, Urgency::kInteractive);
   }

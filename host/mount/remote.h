@@ -45,7 +45,8 @@ class Remote {
   AERROR Delete(RemoteItem item);
   AERROR SetModified(const std::string& id, const std::string& time, RemoteItem& item);
   AERROR Quota(uint64_t& total, uint64_t& used);
-  AERROR Changes(IFileChanges& sink);
+  /// Whether the service could be asked is not told.
+  void Changes(IFileChanges& sink);
 
   /// Clears what a read-back fills in, so that Confirmed can tell whether there was one.
   static void Expect(RemoteItem& item) { item.time3.clear(); }
