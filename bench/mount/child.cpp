@@ -6,10 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+
+#include "host/core/paths.h"
 
 namespace bench {
 namespace {
@@ -73,10 +76,13 @@ int64_t Child::PeakMemory() const {
 }
 
 void Run(const Words& command, const Words& environment) {
-  const char* log = "/dev/null";
-  Child child(command, environment, log);
-  if (const int code = child.Wait(); code != 0)
-    throw std::runtime_error(command[0] + " failed with " + std::to_string(code));
+  const host::TemporaryDirectory directory("vormlane-bench-run-");
+  Child child(command, environment, directory.Path() / "log");
+  if (child.Wait() == 0) return;
+  std::ifstream log(directory.Path() / "log");
+  const std::string words(std::istreambuf_iterator<char>(log), {});
+  throw std::runtime_error(
+      command[0] + " failed: " + words.substr(words.size() - std::min<size_t>(words.size(), 500)));
 }
 
 double Now() {

@@ -68,6 +68,11 @@ std::map<std::string, std::string> ProfileStore::Values(const std::string& secti
   return values;
 }
 
+void ProfileStore::Listen(Listener heard) {
+  std::lock_guard lock(listening);
+  listener = std::move(heard);
+}
+
 int ProfileStore::GetProfileID(const char*, char* buffer, int* length) {
   if (buffer == nullptr || length == nullptr) return Number(AERROR::INVALID_PARAMETER);
   return Fill(id, buffer, length);
@@ -77,6 +82,10 @@ int ProfileStore::SetValue(const char* profile, const char* key, const char* val
   if (profile == nullptr || key == nullptr || value == nullptr)
     return Number(AERROR::INVALID_PARAMETER);
   try {
+    {
+      std::lock_guard lock(listening);
+      if (listener) listener(key, value);
+    }
     SetValue(std::string(profile), key, value);
     return Number(AERROR::SUCCESS);
   } catch (const std::exception&) {

@@ -6,6 +6,7 @@
 // opens a connection of its own to the same file.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -34,6 +35,11 @@ class ProfileStore final : public IProtocolManager {
   /// The same for the plug-in's section.
   std::optional<std::string> Value(const std::string& key) const { return Value(id, key); }
 
+  using Listener = std::function<void(const std::string& key, const std::string& value)>;
+  /// Tells of every value that the plug-in stores, on its thread and before it is stored. Null ends
+  /// that: no call is under way when it returns.
+  void Listen(Listener heard);
+
   // IProtocolManager: 0 on success, otherwise an AERROR as a number. A buffer that is too small is
   // answered with INSUFFICIENT_BUFFER and the needed length; the terminating NUL must fit too.
   int GetProfileID(const char* module, char* buffer, int* length) override;
@@ -44,6 +50,8 @@ class ProfileStore final : public IProtocolManager {
   std::string id;
   mutable std::mutex mutex;
   mutable Database database;  // guarded by mutex
+  std::mutex listening;
+  Listener listener;  // guarded by listening
 };
 
 }  // namespace host

@@ -12,6 +12,13 @@ namespace {
 constexpr int kDepthAhead = 2;
 /// Nobody goes soon through all that lies below a folder with more folders than this.
 constexpr size_t kWide = 16;
+/// A report of changes follows what announces it within this.
+constexpr std::chrono::seconds kExpectation{5};
+/// A folder is in use for so long after its names were read, if it is one of the last few.
+constexpr std::chrono::seconds kInUse{60};
+constexpr size_t kFew = 2;
+/// What is listed by one request, or few.
+constexpr int64_t kSmallFolder = 1000;
 /// More waiting listings than this, and no further ones are begun ahead.
 constexpr size_t kLongestBacklog = 1000;
 
@@ -46,6 +53,11 @@ FolderCache::Standing FolderCache::Look(Inode folder) {
 bool FolderCache::NoteLook(Inode folder, Use use) {
   std::lock_guard lock(mutex);
   lookedAt.insert(folder);
+  if (use == Use::kAllNames) {
+    std::erase_if(latest, [&](const Visit& visit) { return visit.folder == folder; });
+    latest.push_front({folder, Clock::now()});
+    if (latest.size() > kFew) latest.pop_back();
+  }
   return use == Use::kAllNames && read.insert(folder).second;
 }
 
@@ -64,22 +76,72 @@ int FolderCache::RefreshNow(Inode folder) {
 }
 
 void FolderCache::ReportChange(const std::string& folderId) {
+  for (const Inode folder : Listed(folderId))
+    if (!IsFresh(folder)) Renew(folder);
+}
+
+std::vector<Inode> FolderCache::Listed(const std::string& folderId) {
   std::vector<Inode> listed;
+  std::lock_guard lock(state.mutex);
+  for (const Item& item : state.items.WithId(folderId))
+    if (item.IsFolder() && item.listedAt != 0 && !item.deleted) listed.push_back(item.ino);
+  return listed;
+}
+
+void FolderCache::Renew(Inode folder) {
   {
     std::lock_guard lock(state.mutex);
-    for (Item& item : state.items.WithId(folderId)) {
-      if (!item.IsFolder() || item.listedAt == 0 || item.deleted) continue;
-      listed.push_back(item.ino);
-      item.stale = true;
-      state.items.Update(item);
-    }
+    std::optional<Item> item = state.items.Find(folder);
+    if (!item) return;
+    item->stale = true;
+    state.items.Update(*item);
   }
-  for (const Inode folder : listed) {
+  {
+    std::lock_guard lock(mutex);
+    if (const auto at = running.find(folder); at != running.end()) {
+      if (at->second->claimed && Foreseen(at->second->expectation)) return;
+      at->second->again = true;
+    }
+    // What nobody has looked at is renewed when somebody does.
+    if (lookedAt.count(folder) == 0) return;
+  }
+  Start(folder, Urgency::kInteractive, 0);
+}
+
+/// Whether what began after an expectation shows all that is reported now.
+bool FolderCache::Foreseen(uint64_t expectation) const {
+  return expectation != 0 && expectation == expectations &&
+         Clock::now() - expectedAt < kExpectation;
+}
+
+bool FolderCache::IsFresh(Inode folder) {
+  std::lock_guard lock(mutex);
+  const auto at = freshFor.find(folder);
+  return at != freshFor.end() && Foreseen(at->second);
+}
+
+std::vector<Inode> FolderCache::InUse() {
+  std::lock_guard lock(mutex);
+  ++expectations;
+  expectedAt = Clock::now();
+  freshFor.clear();
+  std::vector<Inode> folders;
+  for (const Visit& visit : latest) {
+    if (expectedAt - visit.at > kInUse) break;
+    folders.push_back(visit.folder);
+    if (const auto at = running.find(visit.folder); at != running.end()) at->second->again = true;
+  }
+  return folders;
+}
+
+void FolderCache::ExpectChanges() {
+  for (const Inode folder : InUse()) {
     {
-      std::lock_guard lock(mutex);
-      if (const auto at = running.find(folder); at != running.end()) at->second->again = true;
-      // What nobody has looked at is renewed when somebody does.
-      if (lookedAt.count(folder) == 0) continue;
+      std::lock_guard lock(state.mutex);
+      const std::optional<Item> item = state.items.Find(folder);
+      const bool worthwhile = item && item->listedAt != 0 && !item->deleted && !item->id.empty() &&
+                              state.items.CountChildren(folder) <= kSmallFolder;
+      if (!worthwhile) continue;
     }
     Start(folder, Urgency::kInteractive, 0);
   }
@@ -108,6 +170,10 @@ FolderCache::ListingPtr FolderCache::Start(Inode folder, Urgency urgency, int de
 
 void FolderCache::Run(Inode folder, const ListingPtr& listing) {
   if (listing->claimed.exchange(true)) return;
+  {
+    std::lock_guard lock(mutex);
+    listing->expectation = expectations;
+  }
   int error = EIO;
   try {
     error = ListAndMerge(folder);
@@ -127,6 +193,7 @@ int FolderCache::Finish(Inode folder, const ListingPtr& listing, int error) {
     listing->done = true;
     again = listing->again;
     depth = listing->depth;
+    if (error == 0 && listing->expectation != 0) freshFor[folder] = listing->expectation;
     running.erase(folder);
   }
   listing->ended.notify_all();

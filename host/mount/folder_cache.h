@@ -9,7 +9,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -43,17 +45,22 @@ class FolderCache {
   int Ensure(Inode folder, Use use = Use::kOneName);
   /// The service reported a change in the folder with this Drive id.
   void ReportChange(const std::string& folderId);
+  /// The service is about to report changes. Small folders whose names programs read just now are
+  /// listed without waiting to hear which it is: a report that comes after finds that done.
+  void ExpectChanges();
   /// Lists the folder now and waits for it: 0 or a positive errno.
   int RefreshNow(Inode folder);
   void Tell(const Notices& notices);
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct Listing {
     std::atomic<bool> claimed{false};
     bool done = false;   // guarded by mutex, as is all below
     bool again = false;  // a change was reported while it ran
     int error = 0;
     int depth = 0;
+    uint64_t expectation = 0;  // the last one when it began
     std::condition_variable ended;
   };
   using ListingPtr = std::shared_ptr<Listing>;
@@ -67,6 +74,11 @@ class FolderCache {
 
   Standing Look(Inode folder);
   bool NoteLook(Inode folder, Use use);
+  std::vector<Inode> InUse();
+  bool Foreseen(uint64_t expectation) const;
+  bool IsFresh(Inode folder);
+  std::vector<Inode> Listed(const std::string& folderId);
+  void Renew(Inode folder);
   ListingPtr Start(Inode folder, Urgency urgency, int depth);
   void Run(Inode folder, const ListingPtr& listing);
   int Finish(Inode folder, const ListingPtr& listing, int error);
@@ -83,8 +95,16 @@ class FolderCache {
   std::atomic<Observer*> observer{nullptr};
   std::mutex mutex;  // never held together with the mutex of State
   std::map<Inode, ListingPtr> running;
-  std::set<Inode> lookedAt;  // folders that a program asked for since the start
-  std::set<Inode> read;      // those of them whose names were read
+  std::set<Inode> lookedAt;            // folders that a program asked for since the start
+  std::set<Inode> read;                // those of them whose names were read
+  std::map<Inode, uint64_t> freshFor;  // what a folder's last listing was begun after
+  uint64_t expectations = 0;
+  Clock::time_point expectedAt{};
+  struct Visit {
+    Inode folder = 0;
+    Clock::time_point at{};
+  };
+  std::deque<Visit> latest;  // the latest first
 };
 
 }  // namespace host::mount

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "host/core/interrupt.h"
 #include "host/mount/damage.h"
@@ -129,6 +130,24 @@ void StartPush(Session& session, ChangeRelay& relay) {
     session.Log().Error(session.Failed("no pushed changes", code).what());
 }
 
+/// The plug-in stores its change cursor when the service has told of changes, and reports them
+/// after one request more.
+class CursorWatch {
+ public:
+  CursorWatch(ProfileStore& watched, FolderCache& folders) : profile(watched) {
+    profile.Listen([&folders, cursor = profile.Value("lastchangeid").value_or("")](
+                       const std::string& key, const std::string& value) mutable {
+      if (key == "lastchangeid" && std::exchange(cursor, value) != value) folders.ExpectChanges();
+    });
+  }
+  ~CursorWatch() { profile.Listen(nullptr); }
+  CursorWatch(const CursorWatch&) = delete;
+  CursorWatch& operator=(const CursorWatch&) = delete;
+
+ private:
+  ProfileStore& profile;
+};
+
 /// Every file that a program has open takes a descriptor here as well.
 void AllowManyOpenFiles() {
   rlimit limit{};
@@ -170,6 +189,7 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
     service.Handle(request, send);
   };
   const StatusServer server(SocketOf(paths), handle);
+  const CursorWatch watch(session.Profile(), drive.folders);
   drive.Start([&, connected = !reason]() mutable {
     connected = connected || !TryConnect(session);
     if (connected && options.push) StartPush(session, relay);

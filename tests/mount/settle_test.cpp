@@ -328,6 +328,31 @@ TEST_F(Settle, ServesWhatItHasWithoutTheService) {
   EXPECT_EQ(AtService("dir/c.txt"), "later");
 }
 
+TEST_F(Settle, ListsAtOnceWhatIsLookedAtWhenChangesAreExpected) {
+  service.Put("dir/a.txt", "");
+  service.Put("other/b.txt", "");
+  ASSERT_THAT(Names("dir"), ElementsAre("a.txt"));
+  const Inode dir = Find("dir");
+  Find("other/b.txt");
+  const auto shows = [&](int64_t count) {
+    std::lock_guard lock(drive->state.mutex);
+    return drive->state.items.CountChildren(dir) == count;
+  };
+  service.Put("dir/new.txt", "");
+  drive->folders.ExpectChanges();
+  while (!shows(2)) std::this_thread::yield();
+  // The report that follows finds it done; one that nothing announced does not.
+  const int listings = service.Count("drive.files.list");
+  drive->folders.ReportChange(*service.Find("dir"));
+  EXPECT_EQ(drive->folders.RefreshNow(Find("other")), 0);
+  EXPECT_EQ(service.Count("drive.files.list"), listings + 1);
+  service.Put("dir/newer.txt", "");
+  drive->folders.ExpectChanges();
+  service.Put("dir/newest.txt", "");
+  drive->folders.ExpectChanges();
+  while (!shows(4)) std::this_thread::yield();
+}
+
 TEST_F(Settle, FollowsWhatOthersDo) {
   service.Put("dir/a.txt", "one");
   service.Put("other/keep", "");
