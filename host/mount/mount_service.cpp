@@ -73,6 +73,7 @@ Json::Value MountService::Progress() {
 }
 
 bool MountService::Drain(const StatusServer::Send& send) {
+  drive.queue.Hurry();
   while (!drive.queue.Drain(kProgress))
     if (!send(Progress())) return false;
   return true;

@@ -177,8 +177,10 @@ bool UploadQueue::Quiet() const {
 }
 
 bool UploadQueue::Drain(Milliseconds limit) {
-  Hurry();
   std::unique_lock lock(mutex);
+  // What fails keeps its growing waits: asking more often would not help a service in trouble.
+  for (auto& [ino, entry] : entries)
+    if (entry.scheduled && entry.failures == 0) ScheduleLocked(ino, Milliseconds(0));
   ++hurrying;
   const bool quiet = idle.wait_for(lock, limit, [this] { return stopping || Quiet(); });
   --hurrying;

@@ -44,8 +44,8 @@ class UploadQueue final : public Owed {
 
   /// Everything is due now, failures included.
   void Hurry();
-  /// Waits until nothing is owed but files that programs are still writing. False when the time
-  /// passes first.
+  /// Waits until nothing is owed but files that programs are still writing; meanwhile nothing is
+  /// put off that has not failed. False when the time passes first.
   bool Drain(Milliseconds limit);
   /// Items that are owed.
   int64_t Pending();

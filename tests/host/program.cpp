@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <regex>
 #include <stdexcept>
 
 namespace host_test {
@@ -100,6 +101,14 @@ bool Process::WaitForOutput(const std::string& text) {
   while (outcome.out.find(text) == std::string::npos)
     if (!ReadSome()) return false;
   return true;
+}
+
+std::string Process::WaitForMatch(const std::string& expression) {
+  std::smatch match;
+  const std::regex wanted(expression);
+  while (!std::regex_search(outcome.out, match, wanted))
+    if (!ReadSome()) return "";
+  return match[1];
 }
 
 Outcome Process::Finish() {

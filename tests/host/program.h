@@ -30,6 +30,9 @@ class Process {
   bool IsRunning() const;
   /// Reads its output until `text` stands in it; false when it ends before that.
   bool WaitForOutput(const std::string& text);
+  /// The first group of the expression in the output so far, once it matches; empty when the
+  /// output ends before.
+  std::string WaitForMatch(const std::string& expression);
   /// What it has written so far and was read.
   const std::string& Output() const { return outcome.out; }
   /// Reads its output to the end and waits for it.

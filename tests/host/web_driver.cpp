@@ -2,7 +2,6 @@
 
 #include <httplib.h>
 
-#include <regex>
 #include <stdexcept>
 
 #include "host/core/json_text.h"
@@ -39,12 +38,9 @@ WebDriver::WebDriver(const std::filesystem::path& directory) {
   driver = std::make_unique<Process>(
       std::vector<std::string>{kDriver, "--port=0"},
       std::map<std::string, std::string>{{"HOME", directory.string()}, {"PATH", "/usr/bin:/bin"}});
-  if (!driver->WaitForOutput("started successfully on port "))
-    throw std::runtime_error("chromedriver did not start");
-  std::smatch port;
-  const std::string said = driver->Output();
-  std::regex_search(said, port, std::regex("successfully on port ([0-9]+)"));
-  server = "http://127.0.0.1:" + port[1].str();
+  const std::string port = driver->WaitForMatch("successfully on port ([0-9]+)\\.");
+  if (port.empty()) throw std::runtime_error("chromedriver did not start");
+  server = "http://127.0.0.1:" + port;
   session = "/session/" + Call("/session", Capabilities(directory))["sessionId"].asString();
 }
 
