@@ -109,11 +109,6 @@ std::string ContentWriter::Md5() const {
   return Finished(copy.get());
 }
 
-int64_t ContentWriter::Keep() {
-  kept = true;
-  return number;
-}
-
 void ContentWriter::StartOver() {
   if (::ftruncate(fd, 0) != 0 || ::lseek(fd, 0, SEEK_SET) != 0) FailOn("truncate", path);
   size = 0;

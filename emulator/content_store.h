@@ -28,8 +28,9 @@ class ContentWriter {
   void Write(const char* data, size_t size);
   int64_t Size() const { return size; }
   std::string Md5() const;
-  /// Keeps the content; without it the destructor deletes the file. Returns its number.
-  int64_t Keep();
+  int64_t Number() const { return number; }
+  /// Keeps the content; without it the destructor deletes the file.
+  void Keep() { kept = true; }
   void StartOver();
 
  private:

@@ -98,11 +98,11 @@ Reply Finish(Service& service, Call& call, UploadSession& session) {
   session.CommitAll();
   const auto work = service.store.Begin();
   call.user = service.store.UserNumbered(session.owner);
-  const NewContent content = session.Keep();
+  const NewContent content = session.Content();
   const Item item = session.fileId.empty()
                         ? CreateFromMetadata(service, call, session.metadata, &content)
                         : UpdateFromMetadata(service, call, session.metadata, &content);
-  session.resultId = item.id;
+  session.Finish(item.id);
   return FileReply(service, call, item);
 }
 
@@ -227,7 +227,8 @@ NewContent StoreContent(Service& service, const std::string& bytes, const std::s
   const auto writer = service.store.Contents().Create(service.store.NewBlob());
   writer->Write(bytes.data(), bytes.size());
   content.md5 = writer->Md5();
-  content.blob = writer->Keep();
+  content.blob = writer->Number();
+  writer->Keep();
   return content;
 }
 
@@ -261,8 +262,7 @@ Reply UploadContent(Service& service, Call& call) {
 Reply CancelUpload(Service& service, Call& call) {
   const auto session = SessionOf(service, call);
   const std::lock_guard lock(session->mutex);
-  session->cancelled = true;
-  session->StartOver();
+  session->Cancel();
   Reply reply = NoContent();
   reply.status = 499;
   return reply;

@@ -34,13 +34,25 @@ void UploadSession::StartOver() {
   if (writer->Size() > 0) writer->StartOver();
 }
 
-NewContent UploadSession::Keep() {
+NewContent UploadSession::Content() const {
   NewContent content;
   content.size = writer->Size();
   content.md5 = writer->Md5();
   content.mimeType = mimeType;
-  content.blob = content.size > 0 ? writer->Keep() : 0;
+  content.blob = content.size > 0 ? writer->Number() : 0;
   return content;
+}
+
+void UploadSession::Finish(const std::string& id) {
+  resultId = id;
+  if (writer->Size() > 0) writer->Keep();
+  writer.reset();
+}
+
+void UploadSession::Cancel() {
+  cancelled = true;
+  pending.clear();
+  writer.reset();
 }
 
 std::string Uploads::Add(std::shared_ptr<UploadSession> session) {

@@ -33,8 +33,12 @@ class UploadSession {
   void StartOver();
   int64_t Committed() const { return writer->Size(); }
   int64_t Arrived() const { return writer->Size() + static_cast<int64_t>(pending.size()); }
-  /// The finished content, now the store's.
-  NewContent Keep();
+  /// What has been committed, for a file to be made of it.
+  NewContent Content() const;
+  /// The file is made and the content its own. The session only tells of it from now on.
+  void Finish(const std::string& id);
+  /// Forgets what has arrived, if anything waits to become a file.
+  void Cancel();
 
   std::mutex mutex;
   const int64_t owner;  ///< user number
@@ -51,8 +55,8 @@ class UploadSession {
     return store.Contents().Create(store.NewBlob());
   }
 
-  std::unique_ptr<ContentWriter> writer;
-  std::string pending;  ///< less than a granule
+  std::unique_ptr<ContentWriter> writer;  ///< empty once finished or cancelled
+  std::string pending;                    ///< less than a granule
 };
 
 /// Any thread. Sessions do not outlive the process.

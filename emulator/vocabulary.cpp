@@ -85,7 +85,8 @@ int64_t Vocabulary::StoreBytes(const std::string& content, std::string& md5) {
   const auto writer = store.Contents().Create(store.NewBlob());
   writer->Write(content.data(), content.size());
   md5 = writer->Md5();
-  return writer->Keep();
+  writer->Keep();
+  return writer->Number();
 }
 
 std::string Vocabulary::Put(const std::string& path, const std::string& content,

@@ -1,6 +1,9 @@
 // Namespace changes, uploads, and what the change log and the push service say about them.
 #include <gmock/gmock.h>
 
+#include <filesystem>
+#include <iterator>
+
 #include "tests/emulator/emulator_fixture.h"
 #include "tests/emulator/web_socket_client.h"
 
@@ -133,6 +136,23 @@ TEST_F(Writing, UploadSessionsEnd) {
   drive->ExpireUploads();
   EXPECT_EQ(Send("PUT", expired, "abc").status, 404);
   EXPECT_EQ(drive->Items(), 1);
+}
+
+TEST_F(Writing, AnUploadThatIsOverHoldsNothingAndCannotBeUndone) {
+  const auto openFiles = [] {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+  };
+  const auto before = openFiles();
+  std::string id;
+  for (int i = 0; i < 20; ++i) {
+    const std::string session = StartUpload(3);
+    id = Send("PUT", session, "abc").Json()["id"].asString();
+    EXPECT_EQ(Send("DELETE", session).status, 499);
+    Send("DELETE", StartUpload(3));
+  }
+  EXPECT_EQ(drive->Content(id), "abc");
+  EXPECT_LT(openFiles(), before + 10);
 }
 
 TEST_F(Writing, UpdatesReplaceContentUnderTheSameId) {
