@@ -118,6 +118,7 @@ std::vector<std::string> DriveFixture::Names(const std::string& folder) {
 }
 
 void DriveFixture::Drain() {
+  drive->queue.Hurry();
   if (drive->queue.Drain(Milliseconds(5'000))) return;
   std::lock_guard lock(drive->state.mutex);
   for (const JournalRow& row : drive->state.journal.All()) {
