@@ -1,6 +1,10 @@
 #include "host/mount/mount_point.h"
 
 #include <spawn.h>
+#ifdef __APPLE__
+#include <sys/param.h>
+#include <sys/ucred.h>
+#endif
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -22,12 +26,42 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kFileSystem[] = "fuse.vormlane";
-constexpr char kConnections[] = "/sys/fs/fuse/connections";
 
 [[noreturn]] void Refuse(const fs::path& folder, const std::string& why,
                          const std::string& advice) {
   throw Failure("cannot mount at " + folder.string() + ": " + why, advice);
 }
+
+struct Mounted {
+  std::string type;  ///< of the file system
+  unsigned device = 0;
+};
+
+/// A path as the system's list has it. The folder itself is not looked at, only what is above.
+fs::path Resolved(const fs::path& folder) {
+  std::error_code error;
+  const fs::path above = fs::canonical(folder.parent_path(), error);
+  return error ? folder : above / folder.filename();
+}
+
+#ifdef __APPLE__
+
+std::optional<Mounted> MountedAt(const fs::path& folder) {
+  struct statfs* list = nullptr;
+  const int count = getmntinfo(&list, MNT_NOWAIT);
+  std::optional<Mounted> found;
+  for (int i = 0; i < count; ++i)
+    if (folder == list[i].f_mntonname)
+      found = Mounted{std::string("fuse.") + list[i].f_mntfromname, 0};
+  return found;
+}
+
+bool Detach(const fs::path& folder) { return unmount(folder.c_str(), MNT_FORCE) == 0; }
+
+/// A forced unmount ends what programs wait for.
+bool Abort(unsigned) { return true; }
+
+#else
 
 /// The system's list writes blanks and backslashes as octal numbers.
 std::string Unescaped(const std::string& text) {
@@ -39,11 +73,6 @@ std::string Unescaped(const std::string& text) {
   }
   return plain;
 }
-
-struct Mounted {
-  std::string type;  ///< of the file system
-  unsigned device = 0;
-};
 
 /// What is mounted at the folder; the topmost when there are several.
 std::optional<Mounted> MountedAt(const fs::path& folder) {
@@ -66,13 +95,6 @@ std::optional<Mounted> MountedAt(const fs::path& folder) {
   return found;
 }
 
-/// A path as the system's list has it. The folder itself is not looked at, only what is above.
-fs::path Resolved(const fs::path& folder) {
-  std::error_code error;
-  const fs::path above = fs::canonical(folder.parent_path(), error);
-  return error ? folder : above / folder.filename();
-}
-
 /// Takes a mount away for a user who is not root.
 bool RunFusermount(const fs::path& folder) {
   const char* const arguments[] = {"fusermount3", "-uz", folder.c_str(), nullptr};
@@ -89,10 +111,13 @@ bool Detach(const fs::path& folder) {
 }
 
 bool Abort(unsigned device) {
+  constexpr char kConnections[] = "/sys/fs/fuse/connections";
   const fs::path place = fs::path(kConnections) / std::to_string(device) / "abort";
   if (access(place.c_str(), F_OK) != 0) ::mount("none", kConnections, "fusectl", 0, nullptr);
   return static_cast<bool>(std::ofstream(place) << "1" << std::flush);
 }
+
+#endif
 
 }  // namespace
 
