@@ -8,7 +8,10 @@ namespace bench {
 
 double Result::Of(const std::string& contender) const {
   const auto at = values.find(contender);
-  return at == values.end() ? NAN : Median(at->second);
+  if (at == values.end()) return NAN;
+  std::vector<double> known = at->second;
+  std::erase_if(known, [](double value) { return std::isnan(value); });
+  return Median(known);
 }
 
 double Result::Ratio() const {

@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <fstream>
 #include <random>
 #include <stdexcept>
@@ -99,23 +101,34 @@ class Repository {
   host::TemporaryDirectory directory{"vormlane-bench-git-"};
 };
 
+/// Seconds until `rm -rf` returns and until the service holds nothing of the tree; NAN, with a word
+/// about it, when it fails.
+std::pair<double, double> Remove(Contender& contender, Service& service, const std::string& name) {
+  const double start = Now();
+  try {
+    Run({"rm", "-rf", (contender.Root() / name).string()});
+  } catch (const std::runtime_error& failure) {
+    std::printf("%s: %s", contender.Name().c_str(), failure.what());
+    return {NAN, NAN};
+  }
+  const double removed = Now() - start;
+  Until("the tree goes", 200, [&] { return !service.drive.Find(name).has_value(); });
+  return {removed, Now() - start};
+}
+
 std::vector<double> CloneAndRemove(Contender& contender, Service& service) {
   const Repository repository;
   contender.MountCold();
   const std::string name = NewName(contender);
   const std::string place = (contender.Root() / name).string();
   Run({"ls", (contender.Root() / "made").string()});
-  double start = Now();
+  const double start = Now();
   Run({"git", "clone", "--quiet", "--no-hardlinks", repository.Path(), place});
   const double cloned = Now() - start;
   contender.Settle();
   const double settled = Now() - start;
   Run({"git", "-C", place, "status"});
-  start = Now();
-  Run({"rm", "-rf", place});
-  const double removed = Now() - start;
-  Until("the tree goes", 200, [&] { return !service.drive.Find(name).has_value(); });
-  const double gone = Now() - start;
+  const auto [removed, gone] = Remove(contender, service, name);
   contender.Settle();
   contender.Unmount();
   return {cloned, settled, removed, gone};
