@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -152,20 +153,32 @@ void RunStatus(const Chosen& chosen, bool follow) {
   while (follow && !InterruptWatch::WaitFor(1000));
 }
 
+constexpr double kLongestSeconds = 1e6;
+
+/// "15s", "0.25s"
+std::string Seconds(mount::Milliseconds time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%gs", static_cast<double>(time.count()) / 1000);
+  return text;
+}
+
 void AddTimings(CLI::App* command, MountOptions& options) {
-  const auto add = [&](const std::string& name, mount::Milliseconds& value,
-                       const std::string& text) {
+  const std::map<std::string, double> units = {
+      {"ms", 0.001}, {"s", 1}, {"min", 60}, {"m", 60}, {"h", 3600}};
+  const auto add = [&](const std::string& name, mount::Milliseconds& value, const std::string& text,
+                       double least = 0) {
     command
         ->add_option_function<double>(
             name,
             [&value](double seconds) {
               value = mount::Milliseconds(static_cast<int64_t>(seconds * 1000));
             },
-            text + " (default " + std::to_string(value.count() / 1000) + ")")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber);
+            text + " (default " + Seconds(value) + ")")
+        ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::CASE_SENSITIVE))
+        ->check(CLI::Range(least, kLongestSeconds))
+        ->type_name("TIME");
   };
-  add("--poll", options.settings.poll, "Time between two questions for changes");
+  add("--poll", options.settings.poll, "Time between two questions for changes", 0.1);
   add("--folder-age", options.settings.folderAge, "Look at folders again after");
   add("--patience", options.settings.patience, "Longest time a program waits for the service");
   add("--upload-delay", options.settings.uploadDelay, "Time from close to upload");
