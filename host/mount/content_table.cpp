@@ -61,8 +61,6 @@ ContentTable::ContentTable(Database& owner)
           "mount_items) AND content NOT IN (SELECT content FROM mount_journal)")),
       cleanBytes(
           owner.Prepare("SELECT coalesce(sum(bytes), 0) FROM mount_contents WHERE dirty = 0")),
-      dirtyBytes(
-          owner.Prepare("SELECT coalesce(sum(size), 0) FROM mount_contents WHERE dirty = 1")),
       evictable(owner.Prepare(std::string(kSelect) +
                               "WHERE dirty = 0 AND ino NOT IN (SELECT ino FROM mount_pins) "
                               "ORDER BY used LIMIT ?1")) {}
@@ -92,8 +90,6 @@ std::vector<int64_t> ContentTable::Numbers() { return All(numbers); }
 std::vector<int64_t> ContentTable::Orphans() { return All(orphans); }
 
 int64_t ContentTable::CleanBytes() { return Number(cleanBytes); }
-
-int64_t ContentTable::DirtyBytes() { return Number(dirtyBytes); }
 
 std::vector<ContentRow> ContentTable::Evictable(int limit) {
   std::vector<ContentRow> rows;

@@ -37,13 +37,12 @@ class ContentTable {
   std::vector<int64_t> Orphans();
   /// Bytes of all clean contents.
   int64_t CleanBytes();
-  int64_t DirtyBytes();
   /// Clean contents that are not pinned, the one unused for longest first.
   std::vector<ContentRow> Evictable(int limit);
 
  private:
   Database& database;
-  Statement find, insert, update, erase, numbers, orphans, cleanBytes, dirtyBytes, evictable;
+  Statement find, insert, update, erase, numbers, orphans, cleanBytes, evictable;
 };
 
 }  // namespace host::mount

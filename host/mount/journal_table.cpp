@@ -38,6 +38,13 @@ JournalRow ReadRow(const Statement& row) {
   return result;
 }
 
+int64_t Number(Statement& statement) {
+  statement.Step();
+  const int64_t number = statement.Integer(0);
+  statement.Reset();
+  return number;
+}
+
 }  // namespace
 
 JournalTable::JournalTable(Database& database)
@@ -45,6 +52,8 @@ JournalTable::JournalTable(Database& database)
       has(database.Prepare("SELECT 1 FROM mount_journal WHERE ino = ?1")),
       all(database.Prepare(Select("ORDER BY since, ino"))),
       count(database.Prepare("SELECT count(*) FROM mount_journal")),
+      bytesToSend(database.Prepare("SELECT coalesce(sum(i.size), 0) FROM mount_journal j JOIN "
+                                   "mount_items i ON i.ino = j.ino WHERE j.content <> 0")),
       attempted(database.Prepare("SELECT attemptName FROM mount_journal WHERE attempted = 1 AND "
                                  "attemptParent = ?1")),
       otherAttempt(database.Prepare("SELECT ino FROM mount_journal WHERE attempted = 1 AND "
@@ -74,12 +83,9 @@ std::vector<JournalRow> JournalTable::All() {
   return rows;
 }
 
-int64_t JournalTable::Count() {
-  count.Step();
-  const int64_t rows = count.Integer(0);
-  count.Reset();
-  return rows;
-}
+int64_t JournalTable::Count() { return Number(count); }
+
+int64_t JournalTable::BytesToSend() { return Number(bytesToSend); }
 
 std::vector<std::string> JournalTable::AttemptedIn(const std::string& parentId) {
   std::vector<std::string> names;

@@ -49,6 +49,8 @@ class JournalTable {
   bool Has(Inode ino);
   std::vector<JournalRow> All();
   int64_t Count();
+  /// Bytes that the owed files have.
+  int64_t BytesToSend();
   /// Names that were sent to a folder of the service in attempts without an answer.
   std::vector<std::string> AttemptedIn(const std::string& parentId);
   /// Another item than `ino` with such an attempt of that name; 0 when there is none.
@@ -58,7 +60,7 @@ class JournalTable {
   void Erase(Inode ino);
 
  private:
-  Statement find, has, all, count, attempted, otherAttempt, put, erase;
+  Statement find, has, all, count, bytesToSend, attempted, otherAttempt, put, erase;
 };
 
 }  // namespace host::mount

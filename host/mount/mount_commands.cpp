@@ -55,8 +55,8 @@ class DrainProgress {
     }
     if (bar) return bar->Update(total - left);
     if (!IsTerminal(STDERR_FILENO)) return;
-    std::fprintf(stderr, "\r\033[K%s changes to send",
-                 std::to_string(progress["pending"].asInt64()).c_str());
+    std::fprintf(stderr, "\r\033[K%lld left to send",
+                 static_cast<long long>(progress["pending"].asInt64()));
     std::fflush(stderr);
     line = true;
   }

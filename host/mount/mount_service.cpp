@@ -62,7 +62,7 @@ Json::Value MountService::Progress() {
   progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
   progress["uploads"] = Uploads();
   std::lock_guard lock(drive.state.mutex);
-  progress["pendingBytes"] = static_cast<Json::Int64>(drive.state.contents.DirtyBytes());
+  progress["pendingBytes"] = static_cast<Json::Int64>(drive.state.journal.BytesToSend());
   for (const JournalRow& row : drive.state.journal.All()) {
     if (row.error.empty()) continue;
     const std::optional<Item> item = drive.state.items.Find(row.ino);
@@ -193,7 +193,7 @@ Json::Value MountService::Status() {
   status["pending"] = static_cast<Json::Int64>(drive.state.journal.Count());
   status["items"] = static_cast<Json::Int64>(drive.state.items.Count());
   status["cache"]["bytes"] = static_cast<Json::Int64>(drive.state.contents.CleanBytes());
-  status["cache"]["pendingBytes"] = static_cast<Json::Int64>(drive.state.contents.DirtyBytes());
+  status["cache"]["pendingBytes"] = static_cast<Json::Int64>(drive.state.journal.BytesToSend());
   status["cache"]["limit"] = static_cast<Json::Int64>(drive.store.Limit());
   status["events"] = Json::Value(Json::arrayValue);
   for (const State::Event& event : drive.state.Events()) {

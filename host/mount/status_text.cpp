@@ -29,13 +29,17 @@ std::string WaitingLines(const Json::Value& status, const Paint& paint) {
   return text;
 }
 
+std::string Changes(int64_t count) {
+  return std::to_string(count) + (count == 1 ? " change" : " changes");
+}
+
 }  // namespace
 
 std::string StatusText(const Json::Value& status, const Paint& paint) {
   const Json::Value& cache = status["cache"];
   std::string text = paint.Bold(status["mount"].asString()) +
                      (status["connected"].asBool() ? "" : paint.Yellow("  (offline)")) + "\n";
-  text += "  to send        " + std::to_string(status["pending"].asInt64()) + " changes, " +
+  text += "  to send        " + Changes(status["pending"].asInt64()) + ", " +
           HumanBytes(cache["pendingBytes"].asInt64()) + "\n";
   text += "  cache          " + HumanBytes(cache["bytes"].asInt64()) + " of " +
           HumanBytes(cache["limit"].asInt64()) + "\n";

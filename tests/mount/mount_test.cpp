@@ -198,6 +198,7 @@ TEST_F(Mount, UnmountingWaitsOrSaysWhatIsLeft) {
   std::string output;
   ASSERT_EQ(program.Run({"status", "--json"}, &output), 0);
   EXPECT_THAT(output, HasSubstr("\"later.txt\""));
+  EXPECT_THAT(output, HasSubstr("\"pendingBytes\" : 5"));
   output.clear();
   ASSERT_EQ(program.Run({"unmount", "--now"}, &output), 0);
   EXPECT_THAT(output, HasSubstr("1 change is not on the service yet"));
