@@ -8,6 +8,7 @@ namespace {
 
 constexpr int64_t kFirstWindow = 2 * kBlockBytes;
 constexpr int64_t kLargestWindow = 64 * kBlockBytes;
+constexpr int64_t kGrowth = 4;
 constexpr int64_t kLargestFetch = 8 * kBlockBytes;
 /// The kernel reads ahead by itself and sends those reads in any order.
 constexpr int64_t kReorder = 2 * kBlockBytes;
@@ -50,7 +51,7 @@ ReadPattern::Advice ReadPattern::Next(int64_t offset, int64_t length, int64_t fi
   if (stream->window == 0) stream->window = kFirstWindow;
   const int64_t lead = stream->fetched - end;
   if (lead > stream->window / 2) return {end - offset, 0};
-  stream->window = std::min(stream->window * 2, kLargestWindow);
+  stream->window = std::min(stream->window * kGrowth, kLargestWindow);
   const int64_t now = std::min(BlockEnd(end - 1), fileSize);
   const int64_t until = std::min(BlockEnd(end + stream->window), fileSize);
   stream->fetched = std::max(stream->fetched, until);

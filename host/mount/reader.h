@@ -1,8 +1,8 @@
 // Reading a file of the service by ranges, several at once, into its local content.
 //
-// A stream is read ahead of: the window doubles while a program reads on and is gone as soon as it
-// jumps, so that a few reads here and there fetch only their pages. Several programs, or several
-// threads of one, may each read a stream of one open file.
+// A stream is read ahead of: the window grows fourfold each time while a program reads on and is
+// gone as soon as it jumps, so that a few reads here and there fetch only their pages. Several
+// programs, or several threads of one, may each read a stream of one open file.
 //
 // Thread-safe.
 #pragma once
