@@ -1,5 +1,6 @@
 #include "emulator/times.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -84,13 +85,19 @@ std::string Rfc3339(int64_t milliseconds) {
   const auto day = floor<days>(time);
   const year_month_day date{day};
   const hh_mm_ss clock{time - day};
-  char text[80];
-  const int length = std::snprintf(
-      text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
-      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-      static_cast<int>(clock.seconds().count()), static_cast<int>(clock.subseconds().count()));
-  return std::string(text, static_cast<size_t>(length));
+  // Digit by digit: a page of a listing holds thousands of times.
+  std::string text = "0000-00-00T00:00:00.000Z";
+  const auto write = [&text](size_t last, int64_t number) {
+    for (; number > 0; number /= 10) text[last--] = static_cast<char>('0' + number % 10);
+  };
+  write(3, std::clamp(static_cast<int>(date.year()), 0, 9999));
+  write(6, static_cast<unsigned>(date.month()));
+  write(9, static_cast<unsigned>(date.day()));
+  write(12, clock.hours().count());
+  write(15, clock.minutes().count());
+  write(18, clock.seconds().count());
+  write(22, clock.subseconds().count());
+  return text;
 }
 
 std::optional<int64_t> ParseRfc3339(std::string_view text) {
