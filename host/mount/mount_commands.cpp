@@ -178,7 +178,7 @@ void AddTimings(CLI::App* command, MountOptions& options) {
         ->check(CLI::Range(least, kLongestSeconds))
         ->type_name("TIME");
   };
-  add("--poll", options.settings.poll, "Time between two questions for changes", 0.1);
+  add("--poll", options.settings.poll, "Time between two questions for changes", 0.01);
   add("--folder-age", options.settings.folderAge, "Look at folders again after");
   add("--patience", options.settings.patience, "Longest time a program waits for the service");
   add("--upload-delay", options.settings.uploadDelay, "Time from close to upload");
