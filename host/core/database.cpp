@@ -110,8 +110,13 @@ Statement& Statement::BindNull(int position) {
 bool Statement::Step() {
   const int code = sqlite3_step(statement.get());
   if (code == SQLITE_ROW) return true;
-  if (code != SQLITE_DONE) database->Fail("use", code);
-  return false;
+  if (code == SQLITE_DONE) return false;
+  // Whoever catches the failure finds the statement ready for other values.
+  struct Rewind {
+    sqlite3_stmt* statement;
+    ~Rewind() { sqlite3_reset(statement); }
+  } const rewind{statement.get()};
+  database->Fail("use", code);
 }
 
 void Statement::Run() {

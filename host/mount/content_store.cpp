@@ -60,12 +60,17 @@ ContentPtr ContentStore::OpenFile(const ContentRow& row) const {
 ContentPtr ContentStore::Create(ContentRow& row) {
   row.used = NowSeconds();
   state.contents.Insert(row);
+  state.AfterRollback([this, number = row.content] { Drop(number); });
   return Open(row);
 }
 
 void ContentStore::Remove(int64_t content) {
   if (content == 0) return;
   state.contents.Erase(content);
+  state.AfterCommit([this, content] { Drop(content); });
+}
+
+void ContentStore::Drop(int64_t content) {
   std::lock_guard lock(mutex);
   live.erase(content);
   unlink(PathOf(content).c_str());
@@ -77,16 +82,24 @@ ContentPtr ContentStore::Current(Item& item) {
   const bool usable = row && (row->dirty || (row->id == item.id && row->time == item.remoteTime &&
                                              row->size == item.remoteSize));
   if (usable) {
-    if (const int64_t now = NowSeconds(); row->used != now) {
-      row->used = now;
-      state.contents.Update(*row);
-    }
+    NoteUse(*row);
     return Open(*row);
   }
   Remove(item.content);
   item.content = 0;
   state.items.Update(item);
   return nullptr;
+}
+
+void ContentStore::NoteUse(ContentRow& row) {
+  const int64_t now = NowSeconds();
+  if (row.used == now) return;
+  row.used = now;
+  try {
+    state.contents.Update(row);
+  } catch (const DatabaseError&) {
+    // A full disk is no reason not to read what is there.
+  }
 }
 
 std::vector<ContentPtr> ContentStore::Live() {

@@ -59,6 +59,8 @@ class ContentStore {
  private:
   std::filesystem::path PathOf(int64_t content) const;
   ContentPtr OpenFile(const ContentRow& row) const;
+  void Drop(int64_t content);
+  void NoteUse(ContentRow& row);
   void Save(const ContentPtr& content);
   void RedoOne(int64_t content);
   void CloseIdle();

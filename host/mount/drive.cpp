@@ -28,7 +28,11 @@ void ChangeRelay::SetReceiver(std::function<void(const std::string&)> function) 
 
 void ChangeRelay::Changed(const char* folderId) {
   std::lock_guard lock(mutex);
-  if (receiver && folderId != nullptr) receiver(folderId);
+  try {
+    if (receiver && folderId != nullptr) receiver(folderId);
+  } catch (const std::exception&) {
+    // The disk refuses to note it; the folder is listed again when its time is over.
+  }
 }
 
 Drive::Drive(IProtocol_V2& protocol, ChangeRelay& changes, const std::filesystem::path& database,
@@ -170,8 +174,12 @@ bool Drive::IsReached() {
     probeDue = Clock::now() + kProbeAge;
   }
   if (Clock::now() >= quotaDue) {
-    AskQuota();
     quotaDue = Clock::now() + kQuotaAge;
+    try {
+      AskQuota();
+    } catch (const std::exception&) {
+      // The disk refuses to remember it.
+    }
   }
   return true;
 }
@@ -227,6 +235,7 @@ void Drive::Housekeep() {
     lock.unlock();
     try {
       MeasureRates();
+      files.RetryRefused();
       store.HardenAll();
       state.CarryOver();
       store.SaveMaps();

@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <iterator>
 
+#include "host/core/database.h"
+
 namespace host::mount {
 namespace {
 
@@ -61,6 +63,19 @@ int ErrnoOf(AERROR code) {
   const Row* row = std::find_if(std::begin(kRows), std::end(kRows),
                                 [&](const Row& candidate) { return candidate.code == code; });
   return row == std::end(kRows) ? EIO : row->number;
+}
+
+int ErrnoOf(const std::exception& failure) {
+  const auto* error = dynamic_cast<const DatabaseError*>(&failure);
+  if (error == nullptr) return EIO;
+  switch (error->SqliteCode() & 0xff) {
+    case SQLITE_FULL:
+      return ENOSPC;
+    case SQLITE_READONLY:
+      return EROFS;
+    default:
+      return EIO;
+  }
 }
 
 }  // namespace host::mount

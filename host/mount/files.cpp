@@ -4,10 +4,21 @@
 
 #include <cerrno>
 
+#include "host/mount/errno_map.h"
 #include "host/mount/forget.h"
 
 namespace host::mount {
 namespace {
+
+/// What is acquired before must be given back after: the disk's refusal becomes an error number.
+template <typename Function>
+int Tried(Function&& function) {
+  try {
+    return function();
+  } catch (const std::exception& failure) {
+    return ErrnoOf(failure);
+  }
+}
 
 /// Files up to this size are made safe at their close by way of the database's log: one sync where
 /// a file of its own takes three.
@@ -72,7 +83,7 @@ int Files::Open(Inode ino, int flags, std::unique_ptr<OpenFile>& file) {
   opened->node = Acquire(ino, writes);
   if ((flags & O_TRUNC) != 0) {
     std::unique_lock lock(opened->node->mutex);
-    const int error = Resize(*opened->node, 0);
+    const int error = Tried([&] { return Resize(*opened->node, 0); });
     lock.unlock();
     if (error != 0) {
       Drop(opened->node, writes);
@@ -97,7 +108,7 @@ int Files::Create(Inode parent, const std::string& name, int flags, Item& item,
   opened->node = Acquire(item.ino, true);
   Node& node = *opened->node;
   std::unique_lock lock(node.mutex);
-  const int failed = Load(node);
+  const int failed = Tried([&] { return Load(node); });
   if (failed == 0) {
     node.editing = true;
     NoteWrite(node);
@@ -120,11 +131,13 @@ int Files::Load(Node& node) {
   if (node.content) return 0;
   ContentRow row{
       .ino = item->ino, .id = item->id, .time = item->remoteTime, .size = item->remoteSize};
+  ContentPtr fresh;
   state.Change([&] {
-    node.content = store.Create(row);
+    fresh = store.Create(row);
     item->content = row.content;
     state.items.Update(*item);
   });
+  node.content = fresh;
   return 0;
 }
 
@@ -215,16 +228,18 @@ int Files::Replace(Node& node) {
   std::lock_guard lock(state.mutex);
   std::optional<Item> item = state.items.Find(node.ino);
   if (!item) return ESTALE;
+  ContentPtr fresh;
   state.Change([&] {
     JournalRow row = state.RowFor(*item);
     if (item->content != row.content) store.Remove(item->content);
     ContentRow bytes{.ino = node.ino, .dirty = true};
-    node.content = store.Create(bytes);
+    fresh = store.Create(bytes);
     item->content = bytes.content;
     state.items.Update(*item);
     row.editing = true;
     if (!item->deleted) state.journal.Put(row);
   });
+  node.content = fresh;
   node.editing = true;
   return 0;
 }
@@ -237,7 +252,8 @@ int Files::Resize(Node& node, int64_t size) {
     error = BeginEdit(node);
     if (error == 0) error = node.content->Truncate(size);
   }
-  if (error == 0) NoteWrite(node);
+  // An edit that was begun is to be committed, also when the disk refused to go on with it.
+  if (node.editing) NoteWrite(node);
   return error;
 }
 
@@ -251,9 +267,9 @@ int Files::Truncate(Inode ino, int64_t size) {
   int error = 0;
   {
     std::lock_guard lock(node->mutex);
-    error = Resize(*node, size);
+    error = Tried([&] { return Resize(*node, size); });
     // Nobody else has it open: nobody will close it either.
-    if (error == 0 && node->writers == 1) error = Commit(*node);
+    if (error == 0 && node->writers == 1) error = Tried([&] { return Commit(*node); });
   }
   Drop(node, true);
   return -error;
@@ -320,8 +336,13 @@ int Files::Fsync(OpenFile& file) {
 }
 
 void Files::Release(std::unique_ptr<OpenFile> file) {
-  // Pages of a mapping arrive after the last close.
-  Flush(*file);
+  // Pages of a mapping arrive after the last close. What the disk refuses to keep now stays open,
+  // as it was left, until it does.
+  if (TryCommit(*file->node) != 0) {
+    std::lock_guard lock(mutex);
+    refused.push_back(std::move(file));
+    return;
+  }
   Drop(file->node, file->writes);
   if (file->writes) owed.Committed(file->node->ino, false);
 }
@@ -333,9 +354,22 @@ void Files::CommitAll() {
     for (const auto& [ino, node] : nodes) open.push_back(node);
   }
   for (const NodePtr& node : open) {
-    std::lock_guard lock(node->mutex);
-    Commit(*node);
+    TryCommit(*node);
   }
+}
+
+int Files::TryCommit(Node& node) {
+  std::lock_guard lock(node.mutex);
+  return Tried([&] { return Commit(node); });
+}
+
+void Files::RetryRefused() {
+  std::vector<std::unique_ptr<OpenFile>> again;
+  {
+    std::lock_guard lock(mutex);
+    again.swap(refused);
+  }
+  for (std::unique_ptr<OpenFile>& file : again) Release(std::move(file));
 }
 
 void Files::Overlay(Item& item) {
@@ -356,7 +390,7 @@ int Files::Keep(Inode ino) {
   std::string id;
   {
     std::lock_guard lock(node->mutex);
-    error = Load(*node);
+    error = Tried([&] { return Load(*node); });
     content = node->content;
     id = node->id;
   }

@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "host/mount/content_store.h"
 #include "host/mount/reader.h"
@@ -85,6 +86,8 @@ class Files {
   void Release(std::unique_ptr<OpenFile> file);
   /// As if everything that is open were closed now: the mount ends, nobody will close it any more.
   void CommitAll();
+  /// Tries again to keep what was left in files whose last close failed for want of room.
+  void RetryRefused();
 
   /// Size and time as programs must see them while the file is being written.
   void Overlay(Item& item);
@@ -108,6 +111,7 @@ class Files {
   int Resize(Node& node, int64_t size);
   int Commit(Node& node);
   int CommitLocked(Node& node, const std::optional<std::string>& bytes);
+  int TryCommit(Node& node);
   void NoteWrite(Node& node);
 
   State& state;
@@ -118,6 +122,7 @@ class Files {
   const Settings& settings;
   std::mutex mutex;  // a leaf
   std::map<Inode, NodePtr> nodes;
+  std::vector<std::unique_ptr<OpenFile>> refused;
 };
 
 }  // namespace host::mount

@@ -177,11 +177,15 @@ void FolderCache::Run(Inode folder, const ListingPtr& listing) {
   int error = EIO;
   try {
     error = ListAndMerge(folder);
-  } catch (const std::exception&) {
-    // The database refused; the folder stays as it was.
+  } catch (const std::exception& failure) {
+    error = ErrnoOf(failure);  // the folder stays as it was
   }
   const int depth = Finish(folder, listing, error);
-  if (error == 0) ListAhead(folder, depth);
+  try {
+    if (error == 0) ListAhead(folder, depth);
+  } catch (const std::exception&) {
+    // They are listed when somebody looks.
+  }
 }
 
 int FolderCache::Finish(Inode folder, const ListingPtr& listing, int error) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "host/mount/errno_map.h"
 #include "host/mount/name_map.h"
 
 namespace host::mount {
@@ -49,15 +50,15 @@ bool CallerIsGone(fuse_req_t request) {
   return !alive;
 }
 
-/// Runs what an operation is; an exception becomes EIO, a result other than 0 is the answer.
+/// Runs what an operation is; an exception is the disk's refusal, a result other than 0 the answer.
 template <typename Function>
 void Answer(fuse_req_t request, Function&& function) noexcept {
   int error = EIO;
   try {
     const CallerWatch watch([request] { return CallerIsGone(request); });
     error = function();
-  } catch (const std::exception&) {
-    // The tables or the disk below them refused.
+  } catch (const std::exception& failure) {
+    error = ErrnoOf(failure);
   }
   // 0 means that the operation has answered.
   if (error != 0) fuse_reply_err(request, error < 0 ? -error : error);

@@ -153,6 +153,23 @@ bool State::Sync() {
   return syncFailed < wanted;
 }
 
+void State::AfterCommit(std::function<void()> function) {
+  if (!changing) return function();
+  afterCommit.push_back(std::move(function));
+}
+
+void State::AfterRollback(std::function<void()> function) {
+  if (changing) afterRollback.push_back(std::move(function));
+}
+
+void State::Conclude(Deferred& which) {
+  changing = false;
+  const Deferred due = std::move(which);
+  afterCommit.clear();
+  afterRollback.clear();
+  for (const std::function<void()>& function : due) function();
+}
+
 JournalRow State::RowFor(const Item& item) {
   if (std::optional<JournalRow> row = journal.Find(item.ino)) return *row;
   return {.ino = item.ino,

@@ -11,6 +11,7 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -56,17 +57,23 @@ class State {
   template <typename Function>
   void Change(Function&& function) {
     if (changing) return function();
-    Transaction transaction(database);
     changing = true;
     try {
+      Transaction transaction(database);
       function();
+      transaction.Commit();
     } catch (...) {
-      changing = false;
+      Conclude(afterRollback);
       throw;
     }
-    changing = false;
-    transaction.Commit();
+    Conclude(afterCommit);
   }
+
+  /// What belongs to a change but not to the tables, as files do: done when the change is
+  /// committed, at once outside of one.
+  void AfterCommit(std::function<void()> function);
+  /// Done when the change that runs fails.
+  void AfterRollback(std::function<void()> function);
 
   /// Numbers what this host did at the service. A listing remembers the stamp at its beginning:
   /// what it says about items stamped later is out of date.
@@ -120,7 +127,11 @@ class State {
 
   Database carrier;                  // a second connection, for CarryOver
   int64_t stamp = NowNanoseconds();  // larger than any of an earlier run
+  using Deferred = std::vector<std::function<void()>>;
+  void Conclude(Deferred& which);
+
   bool changing = false;
+  Deferred afterCommit, afterRollback;  // of the change that runs
   int log = -1;        // descriptor of the write-ahead log, open as long as the connection
   std::mutex syncing;  // guards the three below
   std::condition_variable synced;

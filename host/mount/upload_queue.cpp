@@ -115,12 +115,22 @@ void UploadQueue::RunOne(std::unique_lock<std::mutex>& lock, Inode ino) {
       settler.NoteFailure(ino, verdict.error);
   } catch (const std::exception& failure) {
     verdict = {.kind = Verdict::kFailed, .error = failure.what()};
+    NoteRefusal(ino, verdict.error);
   }
   TakeUp();
   lock.lock();
   // What waits for this one may go on, if only to see that it must wait longer.
   if (progress || verdict.kind != Verdict::kBlocked) Release(entries[ino]);
   Conclude(ino, verdict);
+}
+
+/// The tables or the files refused; perhaps they take the reason.
+void UploadQueue::NoteRefusal(Inode ino, const std::string& why) {
+  try {
+    settler.NoteFailure(ino, why);
+  } catch (const std::exception&) {
+    // It is tried again all the same.
+  }
 }
 
 void UploadQueue::Conclude(Inode ino, const Verdict& verdict) {

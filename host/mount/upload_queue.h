@@ -76,6 +76,7 @@ class UploadQueue final : public Owed {
   void Unschedule(Inode ino, Entry& entry);
   void Work();
   void RunOne(std::unique_lock<std::mutex>& lock, Inode ino);
+  void NoteRefusal(Inode ino, const std::string& why);
   void Conclude(Inode ino, const Verdict& verdict);
   void Release(Entry& entry);
   bool Quiet() const;

@@ -35,12 +35,13 @@ std::vector<std::string> QuickOptions() {
           "0.02",   "--settle", "0.05"};
 }
 
-MountedProgram::MountedProgram(emulator::DriveEmulator& service) {
+MountedProgram::MountedProgram(emulator::DriveEmulator& service, fs::path givenHome)
+    : dataHome(givenHome.empty() ? directory.Path() / "data" : std::move(givenHome)) {
   fs::create_directory(folder);
   ProfilePaths paths;
   paths.name = "default";
   paths.config = directory.Path() / "config/vormlane/default";
-  paths.data = directory.Path() / "data/vormlane/default";
+  paths.data = Data();
   ProfileStore profile(paths);
   profile.SetValue(profile.Id(), "drive_api_url", service.ApiUrl());
   profile.SetValue(profile.Id(), "user_token", service.PushUserToken());
@@ -66,7 +67,7 @@ pid_t MountedProgram::Spawn(const std::vector<std::string>& arguments, int outpu
   argv.push_back(nullptr);
   const std::string base = directory.Path().string();
   std::vector<std::string> settings = {"XDG_CONFIG_HOME=" + base + "/config",
-                                       "XDG_DATA_HOME=" + base + "/data",
+                                       "XDG_DATA_HOME=" + dataHome.string(),
                                        "XDG_CACHE_HOME=" + base + "/cache",
                                        "XDG_RUNTIME_DIR=" + base + "/run",
                                        "HOME=" + base,
@@ -142,7 +143,7 @@ bool MountedProgram::Ended(std::chrono::milliseconds limit, int& status) {
 void MountedProgram::Keep(const fs::path& place) const {
   std::error_code ignored;
   fs::remove_all(place, ignored);
-  fs::copy(directory.Path() / "data", place, fs::copy_options::recursive, ignored);
+  fs::copy(dataHome, place, fs::copy_options::recursive, ignored);
 }
 
 void MountedProgram::Detach() { umount2(folder.c_str(), MNT_DETACH); }

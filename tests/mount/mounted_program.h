@@ -22,7 +22,8 @@ std::vector<std::string> QuickOptions();
 
 class MountedProgram {
  public:
-  explicit MountedProgram(emulator::DriveEmulator& service);
+  /// Keeps its data in `dataHome`, or in a place of its own without.
+  explicit MountedProgram(emulator::DriveEmulator& service, std::filesystem::path dataHome = {});
   /// Ends what still runs.
   ~MountedProgram();
 
@@ -45,7 +46,7 @@ class MountedProgram {
 
   const std::filesystem::path& Folder() const { return folder; }
   std::filesystem::path Root() const { return folder / "My Drive"; }
-  std::filesystem::path Data() const { return directory.Path() / "data/vormlane/default"; }
+  std::filesystem::path Data() const { return dataHome / "vormlane/default"; }
   pid_t Process() const { return process; }
   std::filesystem::path LogFile() const { return directory.Path() / "log"; }
 
@@ -55,6 +56,7 @@ class MountedProgram {
   bool Ended(std::chrono::milliseconds limit, int& status);
 
   TemporaryDirectory directory{"vormlane-mount-"};
+  std::filesystem::path dataHome;
   std::filesystem::path folder = directory.Path() / "mnt";
   pid_t process = -1;
 };
