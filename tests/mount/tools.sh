@@ -5,7 +5,7 @@ set -euo pipefail
 bin=$1
 skip() { echo "SKIPPED: $1"; exit 77; }
 [[ -r /dev/fuse && -w /dev/fuse ]] || skip "/dev/fuse cannot be used here"
-for tool in git rsync tar sqlite3 curl; do
+for tool in git rsync tar sqlite3 curl fio; do
   command -v "$tool" > /dev/null || skip "there is no $tool"
 done
 
@@ -71,6 +71,11 @@ for i in $(seq 20); do
   sqlite3 "$drive/data.db" "INSERT INTO t(text) VALUES(hex(randomblob(500)))"
 done
 [[ $(sqlite3 "$drive/data.db" "PRAGMA integrity_check; SELECT count(*) FROM t") == $'ok\n20' ]]
+
+step "fio: random writes of four programs, read back and verified"
+(cd "$work" && fio --name=verify --directory="$drive" --numjobs=4 --size=4m --rw=randwrite \
+  --bsrange=512-64k --ioengine=psync --verify=crc32c --fsync=64 --randseed=7 --output=fio.log) \
+  || { cat "$work/fio.log"; exit 1; }
 
 step "the service has the same, and a new mount without any cache shows it"
 (cd "$drive" && find . -type f -exec sha256sum {} + | sort) > "$work/before"
