@@ -1,5 +1,6 @@
 #include "emulator/field_writer.h"
 
+#include <array>
 #include <charconv>
 
 namespace emulator {
@@ -29,7 +30,12 @@ void AppendEscaped(std::string& out, unsigned char c) {
   }
 }
 
-bool NeedsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\'; }
+constexpr std::array<bool, 256> kNeedsEscape = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0; c < 0x20; ++c) table[c] = true;
+  table['"'] = table['\\'] = true;
+  return table;
+}();
 
 }  // namespace
 
@@ -38,7 +44,7 @@ void AppendJsonString(std::string& out, std::string_view text) {
   size_t plain = 0;
   for (size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if (!NeedsEscape(c)) continue;
+    if (!kNeedsEscape[c]) continue;
     out.append(text, plain, i - plain);
     AppendEscaped(out, c);
     plain = i + 1;

@@ -7,6 +7,7 @@
 //   name      := "*" | letters and digits
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -32,8 +33,14 @@ class FieldMask {
  private:
   friend class FieldsParser;
   FieldMask& Add(std::string_view name);
+  /// One bit of 64 for a name's length and start.
+  static uint64_t Trait(std::string_view name) {
+    const auto start = name.empty() ? '\0' : name.front();
+    return uint64_t{1} << ((name.size() * 7 + static_cast<unsigned char>(start)) % 64);
+  }
 
   std::vector<std::pair<std::string, FieldMask>> children;
+  uint64_t traits = 0;  // of all children; all bits when there is a "*"
 };
 
 /// The parsed `fields` of a request, or `defaults` when it is empty. Throws the ApiError of the

@@ -70,6 +70,9 @@ void Statement::Fail() const {
 }
 
 Database::Database(const std::string& file) {
+  // Statistics of SQLite's memory would take a lock for every value that is read. Refused, without
+  // harm, once a connection is open.
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
   sqlite3* opened = nullptr;
   const int result =
       sqlite3_open_v2(file.c_str(), &opened,
