@@ -19,6 +19,17 @@ constexpr Milliseconds kReconnect{5000};
 constexpr std::chrono::seconds kQuotaAge{60};
 constexpr std::chrono::seconds kProbeAge{60};
 
+/// What a full disk refuses now is not needed at once, and must not keep the rest from being done:
+/// some of it makes room.
+template <typename Step>
+void Attempt(Step&& step) {
+  try {
+    step();
+  } catch (const std::exception&) {
+    // The next housekeeping tries again.
+  }
+}
+
 }  // namespace
 
 void ChangeRelay::SetReceiver(std::function<void(const std::string&)> function) {
@@ -233,17 +244,13 @@ void Drive::Housekeep() {
   while (!stopping) {
     keepNow = false;
     lock.unlock();
-    try {
-      MeasureRates();
-      files.RetryRefused();
-      store.HardenAll();
-      state.CarryOver();
-      store.SaveMaps();
-      store.MakeRoom();
-      if (Connected()) FetchPinned();
-    } catch (const std::exception&) {
-      // The disk refuses for now; nothing that is done here is needed at once.
-    }
+    MeasureRates();
+    Attempt([&] { files.RetryRefused(); });
+    Attempt([&] { store.HardenAll(); });
+    Attempt([&] { state.CarryOver(); });
+    Attempt([&] { store.SaveMaps(); });
+    Attempt([&] { store.MakeRoom(); });
+    if (Connected()) Attempt([&] { FetchPinned(); });
     lock.lock();
     wake.wait_for(lock, kHousekeeping, [this] { return stopping || keepNow; });
   }

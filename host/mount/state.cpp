@@ -74,9 +74,10 @@ const std::vector<std::string>& MountSchema() {
 State::MakeTables::MakeTables(Database& database) {
   database.Migrate("mount", MountSchema());
   // Commits do not wait for the disk; Sync does, outside of the mutex and once for many. Nor do
-  // they carry the log over, unless CarryOver is not often enough.
+  // they carry the log over, unless CarryOver is not often enough: a log that grows on would take
+  // the room that the database needs for it.
   database.Run(
-      "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384; PRAGMA wal_autocheckpoint = 8000");
+      "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384; PRAGMA wal_autocheckpoint = 2500");
 }
 
 State::State(const std::filesystem::path& file)
