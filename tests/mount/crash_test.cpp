@@ -292,6 +292,9 @@ class Crash : public ::testing::Test {
       emulator::Fault fault;
       fault.method = kMethods[random() % std::size(kMethods)];
       fault.kind = kKinds[random() % std::size(kKinds)];
+      // A download of as many other bytes than the service holds cannot be told from a file that
+      // differs; nothing in the boundary carries a checksum.
+      if (fault.kind == "garbage" && fault.method == "drive.files.get.media") continue;
       fault.times = 1 + static_cast<int>(random() % 3);
       service.Inject(fault);
     }
