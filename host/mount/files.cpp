@@ -324,13 +324,16 @@ int Files::CommitLocked(Node& node, const std::optional<std::string>& bytes) {
   return 0;
 }
 
-int Files::Flush(OpenFile& file) {
-  std::lock_guard lock(file.node->mutex);
-  return -Commit(*file.node);
+/// A reader's close says nothing about what a writer is still at.
+bool Files::MayCommit(const OpenFile& file) {
+  std::lock_guard lock(mutex);
+  return file.writes || file.node->writers == 0;
 }
 
+int Files::Flush(OpenFile& file) { return MayCommit(file) ? -TryCommit(*file.node) : 0; }
+
 int Files::Fsync(OpenFile& file) {
-  if (const int error = Flush(file)) return error;
+  if (const int error = -TryCommit(*file.node)) return error;
   if (settings.fsyncRemote) return -owed.AwaitSettled(file.node->ino);
   return state.Sync() ? 0 : -EIO;
 }
@@ -338,7 +341,7 @@ int Files::Fsync(OpenFile& file) {
 void Files::Release(std::unique_ptr<OpenFile> file) {
   // Pages of a mapping arrive after the last close. What the disk refuses to keep now stays open,
   // as it was left, until it does.
-  if (TryCommit(*file->node) != 0) {
+  if (MayCommit(*file) && TryCommit(*file->node) != 0) {
     std::lock_guard lock(mutex);
     refused.push_back(std::move(file));
     return;

@@ -112,6 +112,7 @@ class Files {
   int Commit(Node& node);
   int CommitLocked(Node& node, const std::optional<std::string>& bytes);
   int TryCommit(Node& node);
+  bool MayCommit(const OpenFile& file);
   void NoteWrite(Node& node);
 
   State& state;
