@@ -273,7 +273,9 @@ Verdict Settler::SetTimes(const Work& work, const Sending& sending) {
   {
     std::lock_guard lock(state.mutex);
     std::optional<JournalRow> row = state.journal.Find(work.item.ino);
-    if (!row) return {.kind = Verdict::kProgress};
+    const std::optional<Item> item = state.items.Find(work.item.ino);
+    // A program may have renamed another file over it, which has its Drive id since.
+    if (!row || !item || item->id != work.item.id) return {.kind = Verdict::kProgress};
     row->attemptTime = time;
     state.journal.Put(*row);
   }

@@ -135,6 +135,24 @@ TEST_F(Settle, GivesTheIdOfAReplacedFileToItsSuccessor) {
   }
 }
 
+TEST_F(Settle, SetsNoTimeOnceAFileWasReplaced) {
+  ASSERT_EQ(Write("a.txt", "old"), 0);
+  ASSERT_EQ(Write("b.txt", "new"), 0);
+  Drain();
+  emulator::Fault slow;
+  slow.method = "drive.files.get";
+  slow.kind = "delay";
+  slow.delay = std::chrono::milliseconds(300);
+  service.Inject(slow);
+  const int64_t before = drive->remote.Counted().requests;
+  ASSERT_EQ(drive->files.SetTime(Find("a.txt"), 1'000'000'000), 0);
+  while (drive->remote.Counted().requests == before) std::this_thread::yield();
+  ASSERT_EQ(Rename("b.txt", "a.txt"), 0);  // while the service is asked for the file's version
+  Drain();
+  EXPECT_EQ(AtService("a.txt"), "new");
+  EXPECT_THAT(NamesAtService(), ElementsAre("a.txt"));
+}
+
 TEST_F(Settle, RemakesWhatOthersDeletedUnderALocalEdit) {
   ASSERT_EQ(MakeFolder("shared"), 0);
   ASSERT_EQ(Write("shared/a.txt", "one"), 0);
