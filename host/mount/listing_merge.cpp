@@ -97,7 +97,7 @@ Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed,
 void ListingMerge::Take(const Item& folder, const RemoteItem& record) {
   if (!seen.insert(record.id).second) return;
   if ((record.attributes & kFsFolder) != 0 && begun >= state.failedAt)
-    state.standing.insert(record.id);
+    state.standing[record.id] = NowNanoseconds();
   const auto buried = state.buried.find(record.id);
   if (buried != state.buried.end() && buried->second > begun) return;
   const std::vector<Item> holders = state.items.WithId(record.id);

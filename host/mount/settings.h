@@ -26,6 +26,9 @@ struct Settings {
   Milliseconds retryLast{60'000};
   /// How long the service may still be busy with a request whose answer was lost.
   Milliseconds settle{3000};
+  /// How long a folder that was seen is taken to be there. Others may put it into the trash, where
+  /// the service takes new files without a word, and the machine may have slept since.
+  Milliseconds standingAge{10'000};
 };
 
 }  // namespace host::mount

@@ -138,7 +138,7 @@ void Settler::Adopt(const Work& work, const RemoteItem& record, const std::strin
     item->id = record.id;
     item->remoteParent = parentId;
     state.items.Update(*item);
-    if (item->IsFolder()) state.standing.insert(item->id);
+    if (item->IsFolder()) state.standing[item->id] = NowNanoseconds();
     NoteSentLocked(item->ino, item->id, record, generationSent);
   });
 }

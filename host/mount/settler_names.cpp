@@ -51,10 +51,11 @@ std::optional<bool> Settler::Stands(const std::string& id, int depth) {
   std::string above;
   Inode aboveIno = 0;
   int64_t begun = 0;
+  const int64_t asked = NowNanoseconds();
   {
     std::lock_guard lock(state.mutex);
     begun = state.Stamp();
-    if (state.standing.count(id) != 0) return true;
+    if (WasSeenStanding(id)) return true;
     const std::vector<Item> known = state.items.WithId(id);
     if (!known.empty()) above = known[0].remoteParent;
     if (!known.empty() && (above.empty() || known[0].parent == kRootInode)) return true;
@@ -73,8 +74,17 @@ std::optional<bool> Settler::Stands(const std::string& id, int depth) {
   }
   if (stands && *stands) stands = Stands(above, depth + 1);
   std::lock_guard lock(state.mutex);
-  if (stands && *stands && begun >= state.failedAt) state.standing.insert(id);
+  if (stands && *stands && begun >= state.failedAt) state.standing[id] = asked;
   return stands;
+}
+
+/// State held.
+bool Settler::WasSeenStanding(const std::string& id) {
+  const auto at = state.standing.find(id);
+  if (at == state.standing.end()) return false;
+  const int64_t age = NowNanoseconds() - at->second;
+  // The clock may have been set back.
+  return age >= 0 && age < std::chrono::nanoseconds(settings.standingAge).count();
 }
 
 bool Settler::HasMoved(const std::string& id, const std::string& from) {

@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "host/core/database.h"
@@ -85,9 +84,10 @@ class State {
   /// Drive ids this host has deleted, with the stamp of it: a listing that began earlier still
   /// shows them.
   std::unordered_map<std::string, int64_t> buried;
-  /// Drive ids of folders that a listing has shown since the service last failed to answer: they
-  /// need not be looked for before something is put into them.
-  std::unordered_set<std::string> standing;
+  /// Drive ids of folders that a listing has shown since the service last failed to answer, and
+  /// when (nanoseconds since 1970): for a while they need not be looked for before something is put
+  /// into them.
+  std::unordered_map<std::string, int64_t> standing;
   int64_t failedAt = 0;  ///< stamp of that failure
 
   /// Items that came to be owed by what the service said rather than by a program; the upload

@@ -212,6 +212,20 @@ TEST_F(Settle, PutsNothingIntoAFolderThatIsInTheTrash) {
   EXPECT_EQ(AtService("dir/new.txt"), "new");
 }
 
+// No listing, no failure and no report has told of it.
+TEST_F(Settle, LooksAgainWhetherAFolderStandsAfterAWhile) {
+  Settings forgetful = QuickSettings();
+  forgetful.standingAge = Milliseconds(0);
+  Stop();
+  Start(forgetful);
+  ASSERT_EQ(MakeFolder("dir"), 0);
+  Drain();
+  service.Trash(*service.Find("dir"));
+  ASSERT_EQ(Write("dir/new.txt", "new"), 0);
+  Drain();
+  EXPECT_EQ(AtService("dir/new.txt"), "new");
+}
+
 TEST_F(Settle, FollowsAMoveUnderALocalEdit) {
   service.Put("from/a.txt", "one");
   service.Put("to/keep", "");
