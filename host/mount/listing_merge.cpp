@@ -119,12 +119,21 @@ void ListingMerge::Take(const Item& folder, const RemoteItem& record) {
   if (!AdoptMoved(folder, record, holders)) Add(folder, record);
 }
 
+/// By this host, and it is not known yet whether the service has done it: not somebody else's move.
+bool ListingMerge::IsBeingMoved(const Item& item) {
+  const std::optional<JournalRow> row = state.journal.Find(item.ino);
+  if (!row || row->movedTo.empty()) return false;
+  uncertain = true;
+  return true;
+}
+
 bool ListingMerge::AdoptMoved(const Item& folder, const RemoteItem& record,
                               const std::vector<Item>& holders) {
   if (folder.IsVirtualFolder()) return false;
   for (Item item : holders) {
     const std::optional<Item> old = state.items.Find(item.parent);
     if (item.stamp > begun) return true;  // this host has moved it since
+    if (IsBeingMoved(item)) return true;
     if (item.deleted || item.remoteParent.empty() || ListsParent(record, item.remoteParent) ||
         (old && old->IsVirtualFolder()))
       continue;
@@ -199,7 +208,7 @@ void ListingMerge::RemoveMissing(const Item& folder,
   for (const Item& item : state.items.Children(folder.ino)) {
     if (item.id.empty() || seen.count(item.id) != 0 || item.stamp > begun) continue;
     // Moved here by a program; the service has yet to follow.
-    if (item.remoteParent != folder.id) continue;
+    if (item.remoteParent != folder.id || IsBeingMoved(item)) continue;
     const auto at = elsewhere.find(item.id);
     if (at == elsewhere.end()) {
       GoneAtService(state, store, item, notices);

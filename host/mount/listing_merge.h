@@ -35,6 +35,7 @@ class ListingMerge {
  private:
   void Take(const Item& folder, const RemoteItem& record);
   void Add(const Item& folder, const RemoteItem& record);
+  bool IsBeingMoved(const Item& item);
   bool AdoptMoved(const Item& folder, const RemoteItem& record, const std::vector<Item>& holders);
   void Refresh(Item item, const RemoteItem& record);
   void TakeName(Item& item, const RemoteItem& record);

@@ -42,8 +42,8 @@ Verdict Settler::Step(Inode ino, Sending& sending) {
   if (std::optional<Verdict> verdict = Read(ino, work)) return *verdict;
   if (work.item.deleted) return Delete(work);
   if (work.item.id.empty()) return Create(work, sending);
-  if (work.row.content != 0) return Send(work, sending);
   if (!work.row.movedTo.empty()) return LookForLostMove(work);
+  if (work.row.content != 0) return Send(work, sending);
   if (Trimmed(work.item.driveName) != work.item.remoteName ||
       work.parent.id != work.item.remoteParent)
     return Relocate(work);

@@ -119,6 +119,7 @@ class Settler {
   std::optional<bool> NothingWhileAway();
   std::optional<Verdict> PrepareMove(const Work& work, bool moves);
   Verdict LookForLostMove(const Work& work);
+  bool IsOwnMove(const Work& work, const RemoteItem& record);
   Verdict FollowMove(const Work& work, Verdict otherwise);
   std::optional<Verdict> RequireFolder(const std::string& id);
   bool ConfirmPlace(const Work& work, const std::string& name, const std::string& parentId);

@@ -187,12 +187,20 @@ Verdict Settler::LookForLostMove(const Work& work) {
   return {.kind = Verdict::kProgress};
 }
 
+/// The service has moved it to where this host asked for, though the answer was lost.
+bool Settler::IsOwnMove(const Work& work, const RemoteItem& record) {
+  std::lock_guard lock(state.mutex);
+  const std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+  return row && !row->movedTo.empty() && HasParent(record, row->movedTo);
+}
+
 /// Somebody else may have moved it out of the folder that it was known in; `otherwise` if not.
 Verdict Settler::FollowMove(const Work& work, Verdict otherwise) {
   RemoteItem record;
   if (remote.Info(work.item.id, record) != AERROR::SUCCESS || record.parents.empty() ||
       HasParent(record, work.item.remoteParent))
     return otherwise;
+  if (IsOwnMove(work, record)) return {.kind = Verdict::kProgress};
   const std::optional<bool> stands = Stands(record.parents[0]);
   if (!stands) return otherwise;
   if (!*stands) return Vanished(work);
