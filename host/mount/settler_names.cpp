@@ -90,7 +90,8 @@ bool Settler::WasSeenStanding(const std::string& id) {
 bool Settler::HasMoved(const std::string& id, const std::string& from) {
   std::lock_guard lock(state.mutex);
   const std::vector<Item> known = state.items.WithId(id);
-  return !known.empty() && known[0].remoteParent != from;
+  // One that nobody here works with is forgotten by the listing; the service tells where it is.
+  return known.empty() || known[0].remoteParent != from;
 }
 
 /// A no, when the service answers at all.

@@ -240,6 +240,20 @@ TEST_F(Settle, FollowsAMoveUnderALocalEdit) {
   EXPECT_EQ(Read("to/a.txt"), "two");
 }
 
+TEST_F(Settle, FollowsAMoveIntoAFolderThatWasMovedToo) {
+  service.Put("a/dir/keep", "");
+  service.Put("b/f.txt", "old");
+  ASSERT_EQ(Read("b/f.txt"), "old");
+  ASSERT_EQ(Read("a/dir/keep"), "");
+  Fault("*", "reset-before", 1'000'000);
+  ASSERT_EQ(Write("b/f.txt", "new"), 0);
+  service.Move(*service.Find("b/f.txt"), *service.Find("a/dir"));
+  service.Move(*service.Find("a/dir"), service.RootId());
+  service.ClearFaults();
+  Drain();
+  EXPECT_EQ(AtService("dir/f.txt") + AtService("b/f.txt"), "new(none)");
+}
+
 TEST_F(Settle, SendsNothingButWholeCommits) {
   const auto [folder, name] = Place("log.txt");
   Item item;
