@@ -60,20 +60,23 @@ ContentPtr ContentStore::OpenFile(const ContentRow& row) const {
 ContentPtr ContentStore::Create(ContentRow& row) {
   row.used = NowSeconds();
   state.contents.Insert(row);
-  state.AfterRollback([this, number = row.content] { Drop(number); });
+  state.AfterRollback([this, number = row.content] {
+    Forget(number);
+    unlink(PathOf(number).c_str());
+  });
   return Open(row);
 }
 
 void ContentStore::Remove(int64_t content) {
   if (content == 0) return;
   state.contents.Erase(content);
-  state.AfterCommit([this, content] { Drop(content); });
+  state.AfterCommit([this, content] { Forget(content); });
+  state.AfterSync([path = PathOf(content)] { unlink(path.c_str()); });
 }
 
-void ContentStore::Drop(int64_t content) {
+void ContentStore::Forget(int64_t content) {
   std::lock_guard lock(mutex);
   live.erase(content);
-  unlink(PathOf(content).c_str());
 }
 
 ContentPtr ContentStore::Current(Item& item) {
@@ -193,7 +196,7 @@ void ContentStore::MakeRoom(int64_t room) {
   const std::vector<ContentPtr> inUse = Live();
   std::set<int64_t> kept;
   for (const ContentPtr& content : inUse) kept.insert(content->number);
-  std::lock_guard lock(state.mutex);
+  std::unique_lock lock(state.mutex);
   int64_t excess = state.contents.CleanBytes() + room - limit;
   if (excess <= 0) return;
   state.Change([&] {
@@ -204,6 +207,8 @@ void ContentStore::MakeRoom(int64_t room) {
       Remove(row.content);
     }
   });
+  lock.unlock();
+  state.Sync();
 }
 
 void ContentStore::RemoveUnknown() {

@@ -29,7 +29,7 @@ class ContentStore {
   ContentPtr Open(const ContentRow& row);
   /// State held. A new row and its empty file; the row's `content` is set.
   ContentPtr Create(ContentRow& row);
-  /// State held. Forgets the row; the file goes when nobody has it open.
+  /// State held. Forgets the row; the file goes when that is on the disk and nobody has it open.
   void Remove(int64_t content);
   /// State held. The item's content if it is of the version the item shows, or dirty; else null,
   /// and what was outdated is removed.
@@ -59,7 +59,7 @@ class ContentStore {
  private:
   std::filesystem::path PathOf(int64_t content) const;
   ContentPtr OpenFile(const ContentRow& row) const;
-  void Drop(int64_t content);
+  void Forget(int64_t content);
   void NoteUse(ContentRow& row);
   void Save(const ContentPtr& content);
   void RedoOne(int64_t content);

@@ -247,6 +247,7 @@ void Drive::Housekeep() {
     MeasureRates();
     Attempt([&] { files.RetryRefused(); });
     Attempt([&] { store.HardenAll(); });
+    state.SyncIfAwaited();
     Attempt([&] { state.CarryOver(); });
     Attempt([&] { store.SaveMaps(); });
     Attempt([&] { store.MakeRoom(); });

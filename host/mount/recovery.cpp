@@ -1,5 +1,8 @@
 #include "host/mount/recovery.h"
 
+#include <cstring>
+
+#include "host/core/failure.h"
 #include "host/mount/forget.h"
 #include "host/mount/name_map.h"
 #include "host/mount/times.h"
@@ -30,9 +33,15 @@ class Recovery {
     Separate(*item, row);
   }
 
-  int64_t SizeOf(int64_t content) {
-    const std::optional<ContentRow> bytes = state.contents.Find(content);
-    return bytes ? store.Open(*bytes)->Size() : 0;
+  /// Of the bytes, which are on the disk then: what is noted here of them must stay true.
+  int64_t SizeOf(int64_t number) {
+    const std::optional<ContentRow> bytes = state.contents.Find(number);
+    if (!bytes) return 0;
+    const ContentPtr content = store.Open(*bytes);
+    if (const int error = store.Harden(*content))
+      throw Failure("cannot sync what was being written: " + std::string(std::strerror(error)),
+                    "check the disk that holds it");
+    return content->Size();
   }
 
   /// The bytes that were owed count; the ones that were to replace them were never closed.
@@ -98,7 +107,7 @@ void Recover(State& state, ContentStore& store) {
     std::lock_guard lock(state.mutex);
     state.Change([&] { Recovery(state, store).Run(); });
   }
-  store.RemoveUnknown();
+  if (state.Sync()) store.RemoveUnknown();
 }
 
 }  // namespace host::mount

@@ -135,6 +135,21 @@ void State::OpenLog() {
 void State::CarryOver() { carrier.Run("PRAGMA wal_checkpoint(PASSIVE)"); }
 
 bool State::Sync() {
+  Deferred due;  // done without the lock
+  const bool done = SyncAndCollect(due);
+  for (const std::function<void()>& function : due) function();
+  return done;
+}
+
+void State::SyncIfAwaited() {
+  {
+    std::lock_guard lock(syncing);
+    if (afterSync.empty()) return;
+  }
+  Sync();
+}
+
+bool State::SyncAndCollect(Deferred& due) {
   std::unique_lock lock(syncing);
   // One that runs now may have begun before the caller's transaction was written.
   const uint64_t wanted = syncsBegun + 1;
@@ -144,11 +159,16 @@ bool State::Sync() {
       continue;
     }
     ++syncsBegun;
+    due.swap(afterSync);
     lock.unlock();
     const bool done = fdatasync(log) == 0;
     lock.lock();
     syncsEnded = syncsBegun;
-    if (!done) syncFailed = syncsEnded;
+    if (!done) {
+      syncFailed = syncsEnded;
+      afterSync.insert(afterSync.end(), due.begin(), due.end());
+      due.clear();
+    }
     synced.notify_all();
   }
   return syncFailed < wanted;
@@ -157,6 +177,13 @@ bool State::Sync() {
 void State::AfterCommit(std::function<void()> function) {
   if (!changing) return function();
   afterCommit.push_back(std::move(function));
+}
+
+void State::AfterSync(std::function<void()> function) {
+  AfterCommit([this, function = std::move(function)]() mutable {
+    std::lock_guard lock(syncing);
+    afterSync.push_back(std::move(function));
+  });
 }
 
 void State::AfterRollback(std::function<void()> function) {

@@ -71,6 +71,9 @@ class State {
   /// What belongs to a change but not to the tables, as files do: done when the change is
   /// committed, at once outside of one.
   void AfterCommit(std::function<void()> function);
+  /// Done when no power cut can take back the change any more: at the end of a Sync that begins
+  /// after it. For what cannot be undone, as to remove a file that a row has named.
+  void AfterSync(std::function<void()> function);
   /// Done when the change that runs fails.
   void AfterRollback(std::function<void()> function);
 
@@ -118,6 +121,8 @@ class State {
   /// Waits until every transaction committed so far is on the disk; callers at the same time share
   /// one sync. Without the mutex. False when the disk refuses.
   bool Sync();
+  /// Syncs when something waits for it.
+  void SyncIfAwaited();
   /// Carries what the log holds over into the database, beside whoever writes. Without the mutex,
   /// by one thread at a time.
   void CarryOver();
@@ -129,14 +134,16 @@ class State {
   int64_t stamp = NowNanoseconds();  // larger than any of an earlier run
   using Deferred = std::vector<std::function<void()>>;
   void Conclude(Deferred& which);
+  bool SyncAndCollect(Deferred& due);
 
   bool changing = false;
   Deferred afterCommit, afterRollback;  // of the change that runs
   int log = -1;        // descriptor of the write-ahead log, open as long as the connection
-  std::mutex syncing;  // guards the three below
+  std::mutex syncing;  // guards the five below
   std::condition_variable synced;
   uint64_t syncsBegun = 0, syncsEnded = 0;
   uint64_t syncFailed = 0;  // the last of them that did
+  Deferred afterSync;
   Statement value, setValue, addEvent, trimEvents, events, pin, unpin, isPinned, pins;
 };
 
