@@ -251,7 +251,10 @@ TEST_F(Settle, FollowsAMoveIntoAFolderThatWasMovedToo) {
   service.Move(*service.Find("a/dir"), service.RootId());
   service.ClearFaults();
   Drain();
-  EXPECT_EQ(AtService("dir/f.txt") + AtService("b/f.txt"), "new(none)");
+  // Once, and with the bytes of here: in the folder, or where it was when a look at the old place
+  // came before the folder's own move was seen.
+  EXPECT_THAT(AtService("dir/f.txt") + AtService("b/f.txt"),
+              ::testing::AnyOf("new(none)", "(none)new"));
 }
 
 TEST_F(Settle, SendsNothingButWholeCommits) {
