@@ -220,6 +220,7 @@ TEST_F(Reading, Serves256ConnectionsAtOnce) {
   for (int i = 0; i < 256; ++i) {
     clients.push_back(std::make_unique<httplib::Client>(drive->ApiUrl()));
     clients.back()->set_keep_alive(true);
+    clients.back()->set_read_timeout(60);  // it is not about how fast
     clients.back()->set_default_headers({{"Authorization", "Bearer " + token}});
   }
   drive->ClearJournal();
