@@ -58,6 +58,9 @@ JournalTable::JournalTable(Database& database)
                                  "attemptParent = ?1")),
       otherAttempt(database.Prepare("SELECT ino FROM mount_journal WHERE attempted = 1 AND "
                                     "attemptParent = ?1 AND attemptName = ?2 AND ino <> ?3")),
+      perhapsIn(database.Prepare(
+          "SELECT ino FROM mount_journal WHERE attempted = 1 AND attemptParent = ?1 UNION ALL "
+          "SELECT ino FROM mount_journal WHERE movedTo <> '' AND movedTo = ?1")),
       put(database.Prepare(std::string("INSERT OR REPLACE INTO mount_journal (") + kColumns +
                            ") VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?16,"
                            "?17,?18,?19,?20)")),
@@ -101,6 +104,13 @@ Inode JournalTable::OtherAttempt(Inode ino, const std::string& parentId, const s
   otherAttempt.Bind(3, static_cast<int64_t>(ino));
   const Inode found = otherAttempt.Step() ? static_cast<Inode>(otherAttempt.Integer(0)) : Inode{0};
   otherAttempt.Reset();
+  return found;
+}
+
+Inode JournalTable::PerhapsIn(const std::string& parentId) {
+  perhapsIn.Bind(1, parentId);
+  const Inode found = perhapsIn.Step() ? static_cast<Inode>(perhapsIn.Integer(0)) : Inode{0};
+  perhapsIn.Reset();
   return found;
 }
 

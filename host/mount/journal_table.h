@@ -55,12 +55,15 @@ class JournalTable {
   std::vector<std::string> AttemptedIn(const std::string& parentId);
   /// Another item than `ino` with such an attempt of that name; 0 when there is none.
   Inode OtherAttempt(Inode ino, const std::string& parentId, const std::string& name);
+  /// An item that a request without an answer may have put into a folder of the service; 0 when
+  /// there is none.
+  Inode PerhapsIn(const std::string& parentId);
   /// Inserts or replaces.
   void Put(const JournalRow& row);
   void Erase(Inode ino);
 
  private:
-  Statement find, has, all, count, bytesToSend, attempted, otherAttempt, put, erase;
+  Statement find, has, all, count, bytesToSend, attempted, otherAttempt, perhapsIn, put, erase;
 };
 
 }  // namespace host::mount

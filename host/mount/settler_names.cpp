@@ -389,6 +389,8 @@ Verdict Settler::DeleteFolder(const Work& work) {
     for (const Item& item : state.items.HeldIn(work.item.id))
       if (item.ino != work.item.ino && state.journal.Has(item.ino))
         return {.kind = Verdict::kBlocked, .on = item.ino};
+    if (const Inode other = state.journal.PerhapsIn(work.item.id))
+      return {.kind = Verdict::kBlocked, .on = other};
   }
   std::vector<RemoteItem> listed;
   const AERROR code = remote.List(work.item.id, listed);

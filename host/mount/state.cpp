@@ -67,6 +67,9 @@ const std::vector<std::string>& MountSchema() {
   )",
                                                  R"(
     ALTER TABLE mount_journal ADD COLUMN movedTo TEXT NOT NULL DEFAULT '';
+  )",
+                                                 R"(
+    CREATE INDEX mount_journal_moves ON mount_journal(movedTo) WHERE movedTo <> '';
   )"};
   return steps;
 }

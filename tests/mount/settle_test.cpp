@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "tests/mount/drive_fixture.h"
 
 namespace host::mount {
@@ -24,6 +26,27 @@ class Settle : public DriveFixture {
     fault.kind = kind;
     fault.times = times;
     service.Inject(fault);
+  }
+
+  /// From now on nothing is tried by itself, or again, before somebody asks for it.
+  void Hesitate(Milliseconds settle = QuickSettings().settle) {
+    Settings slow = QuickSettings();
+    slow.settle = settle;
+    slow.uploadDelay = slow.retryFirst = slow.retryLast = Milliseconds(3'600'000);
+    Stop();
+    Start(slow);
+  }
+
+  /// Tries what is owed; returns when that of `path` has failed.
+  void SettleInVain(const std::string& path) {
+    const Inode ino = Find(path);
+    drive->queue.Hurry();
+    const auto failed = [&] {
+      std::lock_guard lock(drive->state.mutex);
+      const std::optional<JournalRow> row = drive->state.journal.Find(ino);
+      return !row || row->tries > 0;
+    };
+    while (!failed()) std::this_thread::yield();
   }
 };
 
@@ -277,21 +300,36 @@ TEST_F(Settle, SendsNothingButWholeCommits) {
   EXPECT_EQ(AtService("log.txt"), "FIRST");
 }
 
+// What the service has in it is this host's, and on its way out.
+TEST_F(Settle, DeletesAFolderAfterWhatMayHaveComeIntoIt) {
+  ASSERT_EQ(MakeFolder("made"), 0);
+  ASSERT_EQ(MakeFolder("moved"), 0);
+  ASSERT_EQ(Write("moving.txt", "m"), 0);
+  Drain();
+  Hesitate(Milliseconds(1100));  // the times that waits are counted from are whole seconds
+  Fault("drive.upload.content", "applied-not-answered", 100);
+  ASSERT_EQ(Write("made/new.txt", "n"), 0);
+  SettleInVain("made/new.txt");
+  ASSERT_EQ(Rename("moving.txt", "moved/there.txt"), 0);
+  Fault("drive.files.update", "applied-not-answered", 100);
+  Fault("drive.files.get", "reset-before", 100);
+  SettleInVain("moved/there.txt");
+  service.ClearFaults();
+  ASSERT_EQ(AtService("moved/there.txt") + AtService("made/new.txt"), "mn");
+  ASSERT_EQ(Remove("made/new.txt"), 0);
+  ASSERT_EQ(RemoveFolder("made"), 0);
+  ASSERT_EQ(Rename("moved/there.txt", "back.txt"), 0);
+  ASSERT_EQ(RemoveFolder("moved"), 0);
+  Drain();
+  EXPECT_THAT(NamesAtService(), ElementsAre("back.txt"));
+  EXPECT_THAT(Names(), ElementsAre("back.txt"));
+}
+
 TEST_F(Settle, ReplacesAFileWhoseCreationWasNotAnswered) {
-  Stop();
-  Settings slow = QuickSettings();
-  slow.uploadDelay = slow.retryFirst = slow.retryLast = Milliseconds(3'600'000);
-  Start(slow);
+  Hesitate();
   Fault("drive.upload.content", "applied-not-answered", 100);
   ASSERT_EQ(Write("a.txt", "old"), 0);
-  const Inode ino = Find("a.txt");
-  drive->queue.Hurry();
-  const auto failed = [&] {
-    std::lock_guard lock(drive->state.mutex);
-    const std::optional<JournalRow> row = drive->state.journal.Find(ino);
-    return !row || row->tries > 0;
-  };
-  while (!failed()) std::this_thread::yield();
+  SettleInVain("a.txt");
   service.ClearFaults();
   ASSERT_EQ(Write("b.txt", "new"), 0);
   ASSERT_EQ(Rename("b.txt", "a.txt"), 0);
