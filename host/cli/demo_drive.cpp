@@ -46,7 +46,7 @@ void SignIn(const ProfilePaths& paths, const EmulatorProcess& emulator) {
 }  // namespace
 
 DemoDrive::DemoDrive(Context& shared)
-    : context(shared), directory("vormlane-demo-"), emulator("demo") {
+    : context(shared), directory("vormlane-demo-"), emulator({"--seed", "demo"}) {
   const ProfilePaths paths = Paths(directory.Path());
   MakePrivateDirectory(paths.runtime);
   FillProfile(paths, emulator);

@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -25,7 +24,7 @@ namespace {
 constexpr char kAdvice[] = "build the target drive-emulator, which belongs beside this program";
 
 /// Starts the program with its standard output going to `output`.
-pid_t Spawn(std::string program, std::string seed, int output) {
+pid_t Spawn(std::string program, std::vector<std::string> options, int output) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
@@ -33,8 +32,9 @@ pid_t Spawn(std::string program, std::string seed, int output) {
   posix_spawnattr_init(&attributes);
   // A Ctrl-C is for us; we end the emulator ourselves when we are through.
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-  std::string option = "--seed";
-  std::array<char*, 4> arguments = {program.data(), option.data(), seed.data(), nullptr};
+  std::vector<char*> arguments = {program.data()};
+  for (std::string& option : options) arguments.push_back(option.data());
+  arguments.push_back(nullptr);
   pid_t child = -1;
   const int error =
       posix_spawn(&child, program.c_str(), &actions, &attributes, arguments.data(), environ);
@@ -63,7 +63,7 @@ Json::Value Body(const httplib::Result& result, const std::string& path) {
 
 }  // namespace
 
-EmulatorProcess::EmulatorProcess(const std::string& seed) {
+EmulatorProcess::EmulatorProcess(std::vector<std::string> options) {
   const auto program = ExecutablePath().parent_path() / "drive-emulator";
   int ends[2];
   if (pipe(ends) != 0) throw Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
@@ -71,7 +71,7 @@ EmulatorProcess::EmulatorProcess(const std::string& seed) {
   FileDescriptor writer(ends[1]);
   fcntl(ends[0], F_SETFD, FD_CLOEXEC);
   fcntl(ends[1], F_SETFD, FD_CLOEXEC);
-  pid = Spawn(program.string(), seed, writer.Number());
+  pid = Spawn(program.string(), std::move(options), writer.Number());
   writer = FileDescriptor();
   announcement = ReadLine(reader.Number());
   if (announcement.rfind("ready ", 0) == 0) return;

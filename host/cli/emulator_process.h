@@ -5,14 +5,15 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 namespace host {
 
 /// The program `drive-emulator` that stands beside this one, on free loopback ports.
 class EmulatorProcess {
  public:
-  /// Started and ready to serve when it returns. Throws Failure.
-  explicit EmulatorProcess(const std::string& seed);
+  /// Started with `options` and ready to serve when it returns. Throws Failure.
+  explicit EmulatorProcess(std::vector<std::string> options);
   /// Ends the program and waits for it.
   ~EmulatorProcess();
   EmulatorProcess(const EmulatorProcess&) = delete;
@@ -23,6 +24,7 @@ class EmulatorProcess {
   /// Requests to the admin port, bodies in JSON. Throw Failure unless the answer is a 2xx.
   Json::Value Get(const std::string& path) const;
   Json::Value Post(const std::string& path, const Json::Value& body) const;
+  pid_t Process() const { return pid; }
 
  private:
   void Stop();

@@ -36,6 +36,16 @@ std::vector<std::string> QuickOptions() {
 }
 
 MountedProgram::MountedProgram(emulator::DriveEmulator& service, fs::path givenHome)
+    : MountedProgram({{"drive_api_url", service.ApiUrl()},
+                      {"user_token", service.PushUserToken()},
+                      {"api_server_url", service.PushApiUrl()},
+                      {"push_server_url", service.PushUrl()},
+                      {"drive_id", "drive"},
+                      {"device_id", "device"}},
+                     service.AccessToken(), std::move(givenHome)) {}
+
+MountedProgram::MountedProgram(const std::map<std::string, std::string>& settings,
+                               const std::string& accessToken, fs::path givenHome)
     : dataHome(givenHome.empty() ? directory.Path() / "data" : std::move(givenHome)) {
   fs::create_directory(folder);
   ProfilePaths paths;
@@ -43,14 +53,9 @@ MountedProgram::MountedProgram(emulator::DriveEmulator& service, fs::path givenH
   paths.config = directory.Path() / "config/vormlane/default";
   paths.data = Data();
   ProfileStore profile(paths);
-  profile.SetValue(profile.Id(), "drive_api_url", service.ApiUrl());
-  profile.SetValue(profile.Id(), "user_token", service.PushUserToken());
-  profile.SetValue(profile.Id(), "api_server_url", service.PushApiUrl());
-  profile.SetValue(profile.Id(), "push_server_url", service.PushUrl());
-  profile.SetValue(profile.Id(), "drive_id", "drive");
-  profile.SetValue(profile.Id(), "device_id", "device");
+  for (const auto& [key, value] : settings) profile.SetValue(profile.Id(), key, value);
   Credential credential;
-  credential.accessToken = service.AccessToken();
+  credential.accessToken = accessToken;
   CredentialStore(paths.Credential(), nullptr).Save(credential);
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,9 @@ class MountedProgram {
  public:
   /// Keeps its data in `dataHome`, or in a place of its own without.
   explicit MountedProgram(emulator::DriveEmulator& service, std::filesystem::path dataHome = {});
+  /// With the profile's settings by name.
+  MountedProgram(const std::map<std::string, std::string>& settings, const std::string& accessToken,
+                 std::filesystem::path dataHome = {});
   /// Ends what still runs.
   ~MountedProgram();
 
