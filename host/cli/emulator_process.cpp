@@ -11,7 +11,7 @@
 #include <cstring>
 #include <sstream>
 
-#include "host/core/atomic_file.h"
+#include "host/core/descriptor.h"
 #include "host/core/failure.h"
 #include "host/core/json_text.h"
 #include "host/core/paths.h"
@@ -67,13 +67,13 @@ EmulatorProcess::EmulatorProcess(std::vector<std::string> options) {
   const auto program = ExecutablePath().parent_path() / "drive-emulator";
   int ends[2];
   if (pipe(ends) != 0) throw Failure(std::string("cannot make a pipe: ") + std::strerror(errno));
-  const FileDescriptor reader(ends[0]);
-  FileDescriptor writer(ends[1]);
+  const Descriptor reader(ends[0]);
+  Descriptor writer(ends[1]);
   fcntl(ends[0], F_SETFD, FD_CLOEXEC);
   fcntl(ends[1], F_SETFD, FD_CLOEXEC);
-  pid = Spawn(program.string(), std::move(options), writer.Number());
-  writer = FileDescriptor();
-  announcement = ReadLine(reader.Number());
+  pid = Spawn(program.string(), std::move(options), writer.Get());
+  writer = Descriptor();
+  announcement = ReadLine(reader.Get());
   if (announcement.rfind("ready ", 0) == 0) return;
   Stop();
   throw Failure(program.string() + " did not come up", kAdvice);

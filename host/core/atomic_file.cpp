@@ -42,15 +42,6 @@ std::filesystem::path HiddenName(const std::filesystem::path& target, int attemp
 
 }  // namespace
 
-FileDescriptor::~FileDescriptor() {
-  if (descriptor >= 0) close(descriptor);
-}
-
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-  std::swap(descriptor, other.descriptor);
-  return *this;
-}
-
 void RemoveHidden(const std::filesystem::path& target) {
   const std::string prefix = HiddenPrefix(target);
   std::error_code ignored;
@@ -60,11 +51,10 @@ void RemoveHidden(const std::filesystem::path& target) {
 
 AtomicFile::AtomicFile(std::filesystem::path targetFile, mode_t mode)
     : target(std::move(targetFile)) {
-  for (int attempt = 0; descriptor.Number() < 0; ++attempt) {
+  for (int attempt = 0; descriptor.Get() < 0; ++attempt) {
     hidden = HiddenName(target, attempt);
-    descriptor =
-        FileDescriptor(open(hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-    if (descriptor.Number() < 0 && errno != EEXIST) {
+    descriptor = Descriptor(open(hidden.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (descriptor.Get() < 0 && errno != EEXIST) {
       hidden.clear();
       Fail("write");
     }
@@ -77,7 +67,7 @@ AtomicFile::~AtomicFile() {
 
 void AtomicFile::WriteAt(int64_t offset, std::span<const char> bytes) {
   while (!bytes.empty()) {
-    const ssize_t written = pwrite(descriptor.Number(), bytes.data(), bytes.size(), offset);
+    const ssize_t written = pwrite(descriptor.Get(), bytes.data(), bytes.size(), offset);
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) Fail("write");
     offset += written;
@@ -87,18 +77,18 @@ void AtomicFile::WriteAt(int64_t offset, std::span<const char> bytes) {
 
 void AtomicFile::SetTime(int64_t seconds) {
   const timespec times[2] = {{seconds, 0}, {seconds, 0}};
-  futimens(descriptor.Number(), times);
+  futimens(descriptor.Get(), times);
 }
 
 void AtomicFile::Commit() {
-  if (fsync(descriptor.Number()) != 0) Fail("write");
+  if (fsync(descriptor.Get()) != 0) Fail("write");
   if (std::rename(hidden.c_str(), target.c_str()) != 0) Fail("replace");
   hidden.clear();
   std::filesystem::path folder = target.parent_path();
   if (folder.empty()) folder = ".";
-  const FileDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // A folder that cannot be synced (some network file systems) does not undo the rename.
-  if (directory.Number() >= 0) fsync(directory.Number());
+  if (directory.Get() >= 0) fsync(directory.Get());
 }
 
 void AtomicFile::Fail(const char* doing) const {

@@ -12,26 +12,9 @@
 #include <span>
 #include <string>
 
+#include "host/core/descriptor.h"
+
 namespace host {
-
-/// Owns a file descriptor.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int number = -1) : descriptor(number) {}
-  ~FileDescriptor();
-  FileDescriptor(FileDescriptor&& other) noexcept : descriptor(other.Take()) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-
-  int Number() const { return descriptor; }
-  int Take() {
-    const int number = descriptor;
-    descriptor = -1;
-    return number;
-  }
-
- private:
-  int descriptor;
-};
 
 /// Removes the hidden files that killed writers of `target` have left.
 void RemoveHidden(const std::filesystem::path& target);
@@ -55,7 +38,7 @@ class AtomicFile {
 
   std::filesystem::path target;
   std::filesystem::path hidden;
-  FileDescriptor descriptor;
+  Descriptor descriptor;
 };
 
 }  // namespace host

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "host/core/atomic_file.h"
+#include "host/core/descriptor.h"
 #include "host/core/failure.h"
 #include "host/core/json_text.h"
 #include "host/core/paths.h"
@@ -80,15 +81,14 @@ CredentialStore::CredentialStore(std::filesystem::path credentialFile, TokenRene
     : file(std::move(credentialFile)), renewal(std::move(renew)) {}
 
 std::optional<Credential> CredentialStore::Load() const {
-  const FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (descriptor.Number() < 0 && errno == ENOENT) return std::nullopt;
-  if (descriptor.Number() < 0)
-    Unreadable(file, std::strerror(errno), "check that the file is yours");
+  const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (descriptor.Get() < 0 && errno == ENOENT) return std::nullopt;
+  if (descriptor.Get() < 0) Unreadable(file, std::strerror(errno), "check that the file is yours");
   struct stat status {};
-  if (fstat(descriptor.Number(), &status) == 0 && (status.st_mode & 077) != 0)
+  if (fstat(descriptor.Get(), &status) == 0 && (status.st_mode & 077) != 0)
     Unreadable(file, "other users may read it", "run `chmod 600 " + file.string() + "`");
   try {
-    return Credential::FromText(ReadAll(descriptor.Number(), file));
+    return Credential::FromText(ReadAll(descriptor.Get(), file));
   } catch (const Failure&) {
     Unreadable(file, "it is damaged", kSignIn);
   }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "host/core/atomic_file.h"
 #include "host/core/failure.h"
 #include "host/core/paths.h"
 
@@ -29,10 +30,10 @@ LocalFile::LocalFile(const std::string& fileName) : name(fileName) {
     Spool();
     return;
   }
-  descriptor = FileDescriptor(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-  if (descriptor.Number() < 0) throw Unreadable(name, std::strerror(errno));
+  descriptor = Descriptor(open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  if (descriptor.Get() < 0) throw Unreadable(name, std::strerror(errno));
   struct stat status {};
-  fstat(descriptor.Number(), &status);
+  fstat(descriptor.Get(), &status);
   if (S_ISDIR(status.st_mode)) throw Unreadable(name, "it is a folder");
   if (!S_ISREG(status.st_mode)) throw Unreadable(name, "it is no ordinary file");
   size = status.st_size;
@@ -53,15 +54,15 @@ void LocalFile::Spool() {
   }
   copy.Commit();
   // The file stays readable through its descriptor when its folder goes with this scope.
-  descriptor = FileDescriptor(open((directory.Path() / "input").c_str(), O_RDONLY | O_CLOEXEC));
-  if (descriptor.Number() < 0) throw Unreadable(name, std::strerror(errno));
+  descriptor = Descriptor(open((directory.Path() / "input").c_str(), O_RDONLY | O_CLOEXEC));
+  if (descriptor.Get() < 0) throw Unreadable(name, std::strerror(errno));
 }
 
 uint64_t LocalFile::Read(int64_t offset, std::span<char> buffer) const {
   const auto wanted = std::min<uint64_t>(buffer.size(), static_cast<uint64_t>(size - offset));
   uint64_t have = 0;
   while (have < wanted) {
-    const ssize_t count = pread(descriptor.Number(), buffer.data() + have, wanted - have,
+    const ssize_t count = pread(descriptor.Get(), buffer.data() + have, wanted - have,
                                 offset + static_cast<int64_t>(have));
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) throw Unreadable(name, std::strerror(errno));

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "host/core/atomic_file.h"
+#include "host/core/descriptor.h"
 
 namespace host {
 
@@ -25,7 +25,7 @@ class LocalFile {
   void Spool();
 
   std::string name;
-  FileDescriptor descriptor;
+  Descriptor descriptor;
   int64_t size = 0;
 };
 
