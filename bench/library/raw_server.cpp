@@ -1,4 +1,4 @@
-#include "bench/raw_server.h"
+#include "bench/library/raw_server.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
