@@ -59,6 +59,7 @@ Drive::Drive(IProtocol_V2& protocol, ChangeRelay& changes, const std::filesystem
       reader(remote, fetchPool, patience),
       settler(state, remote, store, folders, settings),
       queue(state, settler, settings),
+      traffic(remote, state, store, queue),
       tree(state, folders, store, settings, [this](Inode ino) { queue.Changed(ino); }),
       files(state, tree, store, reader, queue, settings),
       relay(changes) {
@@ -224,27 +225,12 @@ Drive::Quota Drive::RememberedQuota() {
   return quota;
 }
 
-Drive::Rates Drive::CurrentRates() {
-  std::lock_guard lock(mutex);
-  return rates;
-}
-
-void Drive::MeasureRates() {
-  const Rates now{remote.Counted().down, remote.Counted().up};
-  std::lock_guard lock(mutex);
-  const auto passed = std::chrono::duration<double>(Clock::now() - measured).count();
-  measured = Clock::now();
-  rates.down = static_cast<int64_t>(static_cast<double>(now.down - counted.down) / passed);
-  rates.up = static_cast<int64_t>(static_cast<double>(now.up - counted.up) / passed);
-  counted = now;
-}
-
 void Drive::Housekeep() {
   std::unique_lock lock(mutex);
   while (!stopping) {
     keepNow = false;
     lock.unlock();
-    MeasureRates();
+    traffic.Measure();
     Attempt([&] { files.RetryRefused(); });
     Attempt([&] { store.HardenAll(); });
     state.SyncIfAwaited();

@@ -15,6 +15,7 @@
 
 #include "host/core/failure.h"
 #include "host/mount/files.h"
+#include "host/mount/traffic_meter.h"
 #include "host/mount/upload_queue.h"
 
 namespace host::mount {
@@ -69,10 +70,6 @@ class Drive final : private Observer {
     uint64_t total = 0, used = 0;  ///< bytes; 0: never known
   };
   Quota RememberedQuota();
-  struct Rates {
-    int64_t down = 0, up = 0;  ///< bytes per second, of the last few seconds
-  };
-  Rates CurrentRates();
   /// False while the service does not answer.
   bool Connected();
 
@@ -90,6 +87,7 @@ class Drive final : private Observer {
   Reader reader;
   Settler settler;
   UploadQueue queue;
+  TrafficMeter traffic;
   Tree tree;
   Files files;
 
@@ -102,7 +100,6 @@ class Drive final : private Observer {
   bool IsReached();
   std::string IdToAskFor();
   void Housekeep();
-  void MeasureRates();
   void AskQuota();
   void NotePinned(const Notices& notices);
   void FetchPinned();
@@ -119,8 +116,6 @@ class Drive final : private Observer {
   std::set<Inode> toKeep;  // pinned items of which something may be missing
   bool keepNow = false;    // somebody has just pinned something
   Quota quota;
-  Rates rates, counted;  // `counted`: bytes so far
-  Clock::time_point measured = Clock::now();
   Clock::time_point quotaDue{}, probeDue{};  // the follower's own, as the next
   int64_t heard = 0;
   std::thread follower, housekeeper;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "host/core/json_text.h"
@@ -30,13 +31,6 @@ Json::Value Failed(const std::string& why) {
   return answer;
 }
 
-/// Bytes that are there of a file that is being fetched; nothing when it is not.
-std::optional<int64_t> FetchedSoFar(Content& content) {
-  std::lock_guard lock(content.mutex);
-  if (content.fetches.empty()) return std::nullopt;
-  return std::min(content.pages.PresentPages() * kPageBytes, content.Size());
-}
-
 }  // namespace
 
 void MountService::Handle(const Json::Value& request, const StatusServer::Send& send) {
@@ -60,7 +54,7 @@ void MountService::Handle(const Json::Value& request, const StatusServer::Send& 
 Json::Value MountService::Progress() {
   Json::Value progress;
   progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
-  progress["uploads"] = Uploads();
+  progress["uploads"] = Transfers(true);
   std::lock_guard lock(drive.state.mutex);
   progress["pendingBytes"] = static_cast<Json::Int64>(drive.state.journal.BytesToSend());
   for (const JournalRow& row : drive.state.journal.All()) {
@@ -121,6 +115,9 @@ Json::Value MountService::Pin(const std::string& path, bool pinned) {
 
 Json::Value MountService::Waiting() {
   Json::Value rows(Json::arrayValue);
+  std::set<Inode> sending;
+  for (const UploadQueue::Transferring& upload : drive.queue.Transfers())
+    sending.insert(upload.ino);
   std::lock_guard lock(drive.state.mutex);
   for (const JournalRow& row : drive.state.journal.All()) {
     if (rows.size() >= kShownRows) break;
@@ -134,6 +131,7 @@ Json::Value MountService::Waiting() {
                     : row.content != 0 ? "upload"
                                        : "rename";
     shown["since"] = ToRfc3339(row.since * 1'000'000'000);
+    shown["sending"] = sending.count(row.ino) != 0;
     shown["tries"] = static_cast<Json::Int64>(row.tries);
     if (!row.error.empty()) shown["error"] = row.error;
     rows.append(shown);
@@ -141,37 +139,20 @@ Json::Value MountService::Waiting() {
   return rows;
 }
 
-Json::Value MountService::Uploads() {
-  Json::Value uploads(Json::arrayValue);
-  const std::vector<UploadQueue::Transferring> running = drive.queue.Transfers();
-  std::lock_guard lock(drive.state.mutex);
-  for (const UploadQueue::Transferring& transfer : running) {
+Json::Value MountService::Transfers(bool up) {
+  Json::Value rows(Json::arrayValue);
+  for (const TrafficMeter::Transfer& transfer : drive.traffic.Transfers()) {
+    if (transfer.up != up || rows.size() >= kShownRows) continue;
+    std::lock_guard lock(drive.state.mutex);
     const std::optional<Item> item = drive.state.items.Find(transfer.ino);
     Json::Value shown;
     shown["name"] = item ? item->name : "";
     shown["bytes"] = static_cast<Json::Int64>(transfer.size);
     shown["done"] = static_cast<Json::Int64>(transfer.done);
-    uploads.append(shown);
+    shown["bytesPerSecond"] = static_cast<Json::Int64>(transfer.rate);
+    rows.append(shown);
   }
-  return uploads;
-}
-
-Json::Value MountService::Downloads() {
-  Json::Value downloads(Json::arrayValue);
-  for (const ContentPtr& content : drive.store.Live()) {
-    const std::optional<int64_t> done = FetchedSoFar(*content);
-    if (!done || downloads.size() >= kShownRows) continue;
-    std::lock_guard lock(drive.state.mutex);
-    const std::optional<ContentRow> row = drive.state.contents.Find(content->number);
-    const std::optional<Item> item = row ? drive.state.items.Find(row->ino) : std::nullopt;
-    if (!item) continue;
-    Json::Value shown;
-    shown["name"] = item->name;
-    shown["bytes"] = static_cast<Json::Int64>(content->Size());
-    shown["done"] = static_cast<Json::Int64>(*done);
-    downloads.append(shown);
-  }
-  return downloads;
+  return rows;
 }
 
 Json::Value MountService::Status() {
@@ -184,9 +165,9 @@ Json::Value MountService::Status() {
   status["bytesDown"] = static_cast<Json::Int64>(drive.remote.Counted().down);
   status["bytesUp"] = static_cast<Json::Int64>(drive.remote.Counted().up);
   status["waiting"] = Waiting();
-  status["uploads"] = Uploads();
-  status["downloads"] = Downloads();
-  const Drive::Rates rates = drive.CurrentRates();
+  status["uploads"] = Transfers(true);
+  status["downloads"] = Transfers(false);
+  const TrafficMeter::Rates rates = drive.traffic.Overall();
   status["bytesDownPerSecond"] = static_cast<Json::Int64>(rates.down);
   status["bytesUpPerSecond"] = static_cast<Json::Int64>(rates.up);
   std::lock_guard lock(drive.state.mutex);

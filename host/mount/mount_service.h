@@ -28,8 +28,7 @@ class MountService {
   void Unmount(bool now, const StatusServer::Send& send);
   Json::Value Pin(const std::string& path, bool pinned);
   Json::Value Waiting();
-  Json::Value Uploads();
-  Json::Value Downloads();
+  Json::Value Transfers(bool up);
 
   Drive& drive;
   const std::filesystem::path folder;

@@ -1,0 +1,59 @@
+// What `status` shows of the transfers that are under way.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "host/mount/mount_service.h"
+#include "host/mount/status_text.h"
+#include "tests/mount/drive_fixture.h"
+
+namespace host::mount {
+namespace {
+
+class Traffic : public DriveFixture {
+ protected:
+  static constexpr int64_t kBandwidth = 1 << 20;  // bytes per second, each way
+};
+
+TEST_F(Traffic, IsToldOfEachFileWithProgressAndRate) {
+  const std::string bytes(32 << 20, 'b');
+  service.Put("down", bytes);
+  Start();
+  ASSERT_NE(Find("down"), 0u);
+  service.SetBandwidth(kBandwidth);
+  ASSERT_EQ(Write("up", bytes), 0);
+  std::string read;
+  std::thread reader([&] { read = Read("down"); });
+  std::vector<TrafficMeter::Transfer> transfers;
+  const auto moves = [&](bool up) {
+    return std::any_of(transfers.begin(), transfers.end(), [up](const auto& transfer) {
+      return transfer.up == up && transfer.rate > 0;
+    });
+  };
+  while (!moves(true) || !moves(false)) {
+    transfers = drive->traffic.Transfers();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  MountService mount(*drive, "/drive", nullptr);
+  const std::string status = StatusText(mount.Status(), Paint(-1));
+  service.SetBandwidth(0);
+  reader.join();
+  ASSERT_EQ(transfers.size(), 2u);
+  for (const TrafficMeter::Transfer& transfer : transfers) {
+    EXPECT_EQ(transfer.ino, Find(transfer.up ? "up" : "down"));
+    EXPECT_EQ(transfer.size, static_cast<int64_t>(bytes.size()));
+    EXPECT_GT(transfer.done, 0);
+    EXPECT_LT(transfer.done, transfer.size);
+    EXPECT_LT(transfer.rate, transfer.size);
+  }
+  EXPECT_THAT(status, ::testing::ContainsRegex("sending\n +[0-9]+ %  up  .32.0 MiB, .*iB/s"));
+  EXPECT_THAT(status, ::testing::ContainsRegex("fetching\n +[0-9]+ %  down  .32.0 MiB, .*iB/s"));
+  EXPECT_THAT(status, ::testing::Not(::testing::HasSubstr("waiting")));
+  EXPECT_TRUE(read == bytes);
+  Drain();
+  EXPECT_TRUE(drive->traffic.Transfers().empty());
+}
+
+}  // namespace
+}  // namespace host::mount
