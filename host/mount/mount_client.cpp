@@ -1,6 +1,7 @@
 #include "host/mount/mount_client.h"
 
 #include <cstdio>
+#include <future>
 
 #include "host/mount/mount_process.h"
 #include "host/mount/status_socket.h"
@@ -41,14 +42,40 @@ std::optional<Json::Value> Ask(const ProfilePaths& paths, const Json::Value& req
   return last;
 }
 
+void RunningMount::RequireAnswer() const {
+  if (!Answers()) throw Failure(Folder().string() + ": " + status["error"].asString());
+}
+
+namespace {
+
+/// Also what keeps a mount from answering is an answer: others may.
+std::optional<RunningMount> LookAt(const ProfilePaths& paths) {
+  std::optional<Json::Value> status;
+  try {
+    status = Ask(paths, Request("status"));
+    if (!status) return std::nullopt;
+    status->removeMember("done");
+  } catch (const Failure& failure) {
+    std::error_code ignored;
+    if (!fs::exists(SocketOf(paths), ignored)) throw;
+    status.emplace();
+    (*status)["mount"] = ServedBy(paths).folder.string();
+    (*status)["error"] = failure.what();
+  }
+  (*status)["profile"] = paths.name;
+  return RunningMount{paths, std::move(*status)};
+}
+
+}  // namespace
+
+/// All are asked at once: one that is stuck is waited for, and not by the others.
 std::vector<RunningMount> FindMounts(const std::vector<ProfilePaths>& profiles) {
-  std::vector<RunningMount> mounts;
+  std::vector<std::future<std::optional<RunningMount>>> looks;
   for (const ProfilePaths& paths : profiles)
-    if (std::optional<Json::Value> status = Ask(paths, Request("status"))) {
-      status->removeMember("done");
-      (*status)["profile"] = paths.name;
-      mounts.push_back({paths, std::move(*status)});
-    }
+    looks.push_back(std::async(std::launch::async, LookAt, paths));
+  std::vector<RunningMount> mounts;
+  for (auto& look : looks)
+    if (std::optional<RunningMount> found = look.get()) mounts.push_back(std::move(*found));
   if (!mounts.empty()) return mounts;
   const std::string which = profiles.size() == 1
                                 ? "the profile \"" + profiles[0].name + "\" is not mounted"

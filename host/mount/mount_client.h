@@ -18,8 +18,11 @@ namespace host::mount {
 /// A profile's mount and what it says about itself.
 struct RunningMount {
   ProfilePaths paths;
-  Json::Value status;
+  Json::Value status;  ///< of one that does not answer "mount", "profile" and the "error" alone
 
+  bool Answers() const { return !status.isMember("error"); }
+  /// Throws what keeps it from answering, if anything does.
+  void RequireAnswer() const;
   std::filesystem::path Folder() const { return status["mount"].asString(); }
 };
 
@@ -32,7 +35,7 @@ std::vector<ProfilePaths> ChosenProfiles(const Context& context, bool named);
 std::optional<Json::Value> Ask(const ProfilePaths& paths, const Json::Value& request,
                                const ProgressSink& progress = nullptr);
 
-/// The mounts of the profiles. Throws when there is none.
+/// The mounts of the profiles, also those that do not answer. Throws when there is none.
 std::vector<RunningMount> FindMounts(const std::vector<ProfilePaths>& profiles);
 
 /// `path` from the folder of the mount that it lies in.

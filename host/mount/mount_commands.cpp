@@ -82,11 +82,14 @@ class DrainProgress {
 };
 
 void RunDrain(const Chosen& chosen) {
-  for (const RunningMount& running : chosen.Mounts()) {
+  const std::vector<RunningMount> mounts = chosen.Mounts();
+  for (const RunningMount& running : mounts) {
+    if (!running.Answers()) continue;
     DrainProgress shown;
     mount::Ask(running.paths, Request("drain"),
                [&](const Json::Value& progress) { shown.Show(progress); });
   }
+  for (const RunningMount& running : mounts) running.RequireAnswer();
 }
 
 /// A mount whose host does not answer any more: killed while the kernel had it wait, or stuck.
@@ -119,6 +122,11 @@ void RunUnmount(const Chosen& chosen, const fs::path& folder, bool now) {
     if (!now || folder.empty() || !mount::IsOwnMount(fs::absolute(folder))) throw;
     return TakeAwayDeadMount(fs::absolute(folder));
   }
+  if (now && !running->Answers()) {
+    if (mount::IsOwnMount(running->Folder())) TakeAwayDeadMount(running->Folder());
+    return mount::MakeEnd(running->paths);
+  }
+  running->RequireAnswer();
   DrainProgress shown;
   const std::optional<Json::Value> last = mount::Ask(
       running->paths, request, [&](const Json::Value& progress) { shown.Show(progress); });
@@ -128,6 +136,7 @@ void RunUnmount(const Chosen& chosen, const fs::path& folder, bool now) {
 
 void RunPin(const Chosen& chosen, const std::string& path, bool pinned) {
   const mount::PlaceInMount place = mount::FindPlace(chosen.Mounts(), path);
+  place.mount.RequireAnswer();
   Json::Value request = Request(pinned ? "pin" : "unpin");
   request["path"] = place.below.string();
   mount::Ask(place.mount.paths, request);
@@ -135,6 +144,8 @@ void RunPin(const Chosen& chosen, const std::string& path, bool pinned) {
 
 std::string StatusOf(const Chosen& chosen, bool oneLine) {
   const std::vector<RunningMount> mounts = chosen.Mounts();
+  for (const RunningMount& running : mounts)
+    if (!running.Answers()) chosen.context.exitCode = 1;
   if (!chosen.context.json) {
     std::string text;
     for (const RunningMount& running : mounts)

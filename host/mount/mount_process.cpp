@@ -1,6 +1,7 @@
 #include "host/mount/mount_process.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -9,8 +10,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "host/core/interrupt.h"
@@ -22,12 +25,16 @@
 namespace host::mount {
 namespace {
 
+/// How long a host that has lost its mount may take to end.
+constexpr Milliseconds kOwnEnd{5000};
+constexpr Milliseconds kBetweenLooks{50};
+
 std::filesystem::path LockOf(const ProfilePaths& paths) { return paths.data / "mount.lock"; }
 
 /// One host at a time on a profile: two would not know of each other's pending changes.
 class ProfileLock {
  public:
-  explicit ProfileLock(const ProfilePaths& paths) {
+  ProfileLock(const ProfilePaths& paths, const std::filesystem::path& folder) {
     MakePrivateDirectory(paths.data);
     const std::filesystem::path file = LockOf(paths);
     descriptor = Descriptor(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
@@ -35,11 +42,21 @@ class ProfileLock {
       throw Failure("cannot open " + file.string() + ": " + std::strerror(errno),
                     "check who owns it");
     if (flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0)
-      throw Failure("the profile \"" + paths.name + "\" is mounted already",
+      throw Failure("the profile \"" + paths.name + "\" is mounted already, at " +
+                        ServedBy(paths).folder.string(),
                     "see `vormlane status`, use another profile, or `vormlane unmount` first");
+    Introduce(folder);
   }
 
  private:
+  /// For those that find the mount silent. A full disk is no reason not to mount.
+  void Introduce(const std::filesystem::path& folder) const {
+    const std::string text = std::to_string(getpid()) + "\n" + folder.string() + "\n";
+    if (ftruncate(descriptor.Get(), 0) != 0 ||
+        pwrite(descriptor.Get(), text.data(), text.size(), 0) < 0)
+      ftruncate(descriptor.Get(), 0);
+  }
+
   Descriptor descriptor;
 };
 
@@ -163,7 +180,7 @@ int64_t Left(Drive& drive) {
 
 void Serve(Context& context, const MountOptions& options, Starter& starter) {
   const ProfilePaths paths = context.Paths();
-  const ProfileLock lock(paths);
+  const ProfileLock lock(paths, options.folder);
   AllowManyOpenFiles();
   if (const auto aside = SetDamagedAside(paths))
     std::fprintf(stderr,
@@ -216,10 +233,31 @@ void SayWhatIsLeft(int64_t changes) {
                one ? "it is" : "they are", one ? "is" : "are");
 }
 
+Server ServedBy(const ProfilePaths& paths) {
+  Server server;
+  std::ifstream file(LockOf(paths));
+  std::string folder;
+  if (file >> server.process >> std::ws) std::getline(file, folder);
+  server.folder = folder;
+  return server;
+}
+
 void AwaitEnd(const ProfilePaths& paths) {
   const Descriptor lock(open(LockOf(paths).c_str(), O_RDWR | O_CLOEXEC));
   while (lock.Get() >= 0 && flock(lock.Get(), LOCK_EX) != 0 && errno == EINTR) {
   }
+}
+
+void MakeEnd(const ProfilePaths& paths) {
+  const Descriptor lock(open(LockOf(paths).c_str(), O_RDWR | O_CLOEXEC));
+  for (auto left = kOwnEnd; lock.Get() >= 0; left -= kBetweenLooks) {
+    if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) return;
+    if (left <= Milliseconds(0)) break;
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+  // Whoever holds the lock has written its number there.
+  const pid_t process = ServedBy(paths).process;
+  if (process > 0 && kill(process, SIGKILL) == 0) AwaitEnd(paths);
 }
 
 void RunMount(Context& context, const MountOptions& options) {

@@ -21,8 +21,8 @@ namespace host::mount {
 namespace {
 
 constexpr size_t kLongestRequest = 64 * 1024;
-/// A mount that works says something long before.
-constexpr time_t kAnswerSeconds = 15;
+/// Both ends say something, and read what they are told, long before.
+constexpr time_t kPatienceSeconds = 15;
 /// Between two looks for a free descriptor.
 constexpr std::chrono::milliseconds kUntilFree{100};
 
@@ -35,6 +35,16 @@ sockaddr_un AddressOf(const std::filesystem::path& path) {
                   "set XDG_RUNTIME_DIR to a shorter folder");
   text.copy(address.sun_path, text.size());
   return address;
+}
+
+void LimitWaits(int descriptor) {
+  const timeval patience{kPatienceSeconds, 0};
+  setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+}
+
+[[noreturn]] void ThrowSilent() {
+  throw Failure("the mount does not answer", "`vormlane unmount --now DIR` takes it away");
 }
 
 bool SendLine(int descriptor, const Json::Value& value) {
@@ -64,8 +74,7 @@ class LineReader {
       char chunk[4096];
       const ssize_t count = recv(descriptor, chunk, sizeof chunk, 0);
       if (count < 0 && errno == EINTR) continue;
-      if (count < 0 && errno == EAGAIN)
-        throw Failure("the mount does not answer", "`vormlane unmount --now DIR` takes it away");
+      if (count < 0 && errno == EAGAIN) ThrowSilent();
       if (count <= 0 || buffer.size() > longest) return std::nullopt;
       buffer.append(chunk, static_cast<size_t>(count));
     }
@@ -119,19 +128,19 @@ void StatusServer::Accept() {
 }
 
 void StatusServer::Talk(Client& client) {
+  LimitWaits(client.connection.Get());
   LineReader reader(client.connection.Get());
   const Send send = [&](const Json::Value& value) {
     return !stopping && SendLine(client.connection.Get(), value);
   };
-  if (const std::optional<std::string> line = reader.Next(kLongestRequest)) {
-    try {
+  try {
+    if (const std::optional<std::string> line = reader.Next(kLongestRequest))
       handler(ParseJson(*line).value_or(Json::Value()), send);
-    } catch (const std::exception& failure) {
-      Json::Value answer;
-      answer["done"] = true;
-      answer["error"] = failure.what();
-      send(answer);
-    }
+  } catch (const std::exception& failure) {
+    Json::Value answer;
+    answer["done"] = true;
+    answer["error"] = failure.what();
+    send(answer);
   }
   shutdown(client.connection.Get(), SHUT_RDWR);
   client.ended = true;
@@ -157,10 +166,11 @@ bool AskMount(const std::filesystem::path& path, const Json::Value& request,
               const std::function<void(const Json::Value&)>& answer) {
   const sockaddr_un address = AddressOf(path);
   const Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+  LimitWaits(connection.Get());
+  if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (errno == EAGAIN) ThrowSilent();  // too many are waiting for it already
     return false;
-  const timeval patience{kAnswerSeconds, 0};
-  setsockopt(connection.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  }
   if (!SendLine(connection.Get(), request)) return false;
   LineReader reader(connection.Get());
   while (const std::optional<std::string> line = reader.Next(SIZE_MAX)) {

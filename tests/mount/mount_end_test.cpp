@@ -152,7 +152,15 @@ TEST_F(MountEnd, LetsAKilledProgramGoWhileTheServiceIsSilent) {
   while (IsOwnMount(program.Folder())) std::this_thread::sleep_for(std::chrono::milliseconds(5));
 }
 
-TEST_F(MountEnd, FreesProgramsFromAHostThatIsStuck) {
+// Two profiles of one user, the host of one of them stuck, and a program waiting for it.
+TEST_F(MountEnd, TakesAStuckHostAwayWhichHidesNoOther) {
+  const fs::path base = program.Folder().parent_path();
+  const fs::path other = base / "other";
+  fs::create_directory(other);
+  ASSERT_EQ(
+      program.Run({"--profile", "two", "profile", "set", "drive_api_url=" + service.ApiUrl()}), 0);
+  fs::copy(base / "config/vormlane/default", base / "config/vormlane/two");
+  ASSERT_EQ(program.Run({"--profile", "two", "mount", other.string()}), 0);
   ASSERT_TRUE(program.Mount());
   ASSERT_EQ(kill(program.Process(), SIGSTOP), 0);
   int error = 0;
@@ -160,11 +168,21 @@ TEST_F(MountEnd, FreesProgramsFromAHostThatIsStuck) {
     struct stat status {};
     if (stat((program.Root() / "unknown").c_str(), &status) != 0) error = errno;
   });
-  EXPECT_TRUE(mount::TearDown(program.Folder()));
+  std::string seen;
+  int code = 0;
+  std::thread looking([&] { code = program.Run({"status"}, &seen); });
+  EXPECT_EQ(program.Run({"unmount", "--now", program.Folder().string()}), 0);
   asking.join();
+  looking.join();
   EXPECT_NE(error, 0);
   EXPECT_NE(error, ENOSYS);
   EXPECT_FALSE(IsOwnMount(program.Folder()));
+  EXPECT_EQ(code, 1);
+  EXPECT_THAT(seen, HasSubstr(program.Folder().string() + "\n  the mount does not answer"));
+  EXPECT_THAT(seen, HasSubstr(other.string() + "\n  to send"));
+  siginfo_t end{};
+  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(program.Process()), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(program.Run({"--profile", "two", "unmount"}), 0);
 }
 
 }  // namespace
