@@ -4,12 +4,13 @@
 #include <cerrno>
 
 #include "host/mount/errno_map.h"
-#include "host/mount/listing_merge.h"
 
 namespace host::mount {
 namespace {
 
 constexpr int kDepthAhead = 2;
+/// Folders above each other; others may move them in a circle while they are asked about.
+constexpr int kDeepest = 200;
 /// Nobody goes soon through all that lies below a folder with more folders than this.
 constexpr size_t kWide = 16;
 /// A report of changes follows what announces it within this.
@@ -225,18 +226,12 @@ int FolderCache::ListAndMerge(Inode folder) {
     if (item.id.empty() || remote.Info(item.id, item) != AERROR::SUCCESS) return EIO;
   }
   ListingMerge merge(state, store, settings, begun);
-  std::vector<std::string> missing;
+  std::vector<Suspect> missing;
   {
     std::lock_guard lock(state.mutex);
     missing = merge.MissingWithWork(folder, listed);
   }
-  std::map<std::string, RemoteItem> elsewhere;
-  for (const std::string& item : missing) {
-    RemoteItem record;
-    if (remote.Info(item, record) == AERROR::SUCCESS && !record.parents.empty() &&
-        std::find(record.parents.begin(), record.parents.end(), id) == record.parents.end())
-      elsewhere.emplace(item, record);
-  }
+  const Records elsewhere = WhereMoved(missing);
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
@@ -244,6 +239,75 @@ int FolderCache::ListAndMerge(Inode folder) {
   }
   Tell(notices);
   return 0;
+}
+
+/// What the service says of those that are in another folder now; what is below one of them is
+/// there with it.
+Records FolderCache::WhereMoved(const std::vector<Suspect>& suspects) {
+  Records elsewhere;
+  std::set<std::string> away;
+  for (const Suspect& suspect : suspects) {
+    if (away.count(suspect.knownIn) != 0) {
+      away.insert(suspect.id);
+      continue;
+    }
+    RemoteItem record;
+    if (remote.Info(suspect.id, record) != AERROR::SUCCESS || record.parents.empty() ||
+        std::find(record.parents.begin(), record.parents.end(), suspect.knownIn) !=
+            record.parents.end())
+      continue;
+    MakeKnown(record.parents[0]);
+    away.insert(suspect.id);
+    elsewhere.emplace(suspect.id, record);
+  }
+  return elsewhere;
+}
+
+bool FolderCache::MakeKnown(const std::string& folderId, int depth) {
+  int64_t begun = 0;
+  {
+    std::lock_guard lock(state.mutex);
+    for (const Item& item : state.items.WithId(folderId))
+      if (!item.deleted && item.IsFolder()) return true;
+    begun = state.Stamp();
+  }
+  RemoteItem record;
+  if (depth > kDeepest || remote.Info(folderId, record) != AERROR::SUCCESS ||
+      record.parents.empty() || !MakeKnown(record.parents[0], depth + 1))
+    return false;
+  // The record says nothing of the trash; the listing does.
+  std::vector<RemoteItem> listed;
+  if (remote.List(record.parents[0], listed) != AERROR::SUCCESS) return false;
+  const auto at = std::find_if(listed.begin(), listed.end(),
+                               [&](const RemoteItem& item) { return item.id == folderId; });
+  if (at == listed.end()) return false;
+  Notices notices;
+  {
+    std::lock_guard lock(state.mutex);
+    notices = ListingMerge(state, store, settings, begun).ApplyOne(record.parents[0], *at);
+  }
+  Tell(notices);
+  return true;
+}
+
+void FolderCache::TakeAway(const Item& item) {
+  std::vector<Suspect> below;
+  {
+    std::lock_guard lock(state.mutex);
+    below = ListingMerge(state, store, settings, state.Stamp()).WithWork({item.ino});
+  }
+  std::erase_if(below, [&](const Suspect& suspect) { return suspect.id == item.id; });
+  const Records elsewhere = WhereMoved(below);
+  Notices notices;
+  {
+    std::lock_guard lock(state.mutex);
+    const std::optional<Item> now = state.items.Find(item.ino);
+    if (now && now->id == item.id)
+      state.Change([&] {
+        notices = ListingMerge(state, store, settings, state.Stamp()).Gone(*now, elsewhere);
+      });
+  }
+  Tell(notices);
 }
 
 void FolderCache::ListAhead(Inode folder, int depth) {

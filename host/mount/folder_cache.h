@@ -18,6 +18,7 @@
 #include <set>
 
 #include "host/mount/content_store.h"
+#include "host/mount/listing_merge.h"
 #include "host/mount/observer.h"
 #include "host/mount/patience.h"
 #include "host/mount/remote.h"
@@ -50,6 +51,12 @@ class FolderCache {
   void ExpectChanges();
   /// Lists the folder now and waits for it: 0 or a positive errno.
   int RefreshNow(Inode folder);
+  /// The service has this item no more: it goes, with what is below it, but for what programs
+  /// changed there and for what others have moved out of it.
+  void TakeAway(const Item& item);
+  /// Lists what is on the way to this folder, from the nearest folder that is known. False when
+  /// there is no way or it cannot be found now.
+  bool MakeKnown(const std::string& folderId, int depth = 0);
   void Tell(const Notices& notices);
 
  private:
@@ -83,6 +90,7 @@ class FolderCache {
   void Run(Inode folder, const ListingPtr& listing);
   int Finish(Inode folder, const ListingPtr& listing, int error);
   int ListAndMerge(Inode folder);
+  Records WhereMoved(const std::vector<Suspect>& suspects);
   void ListAhead(Inode folder, int depth);
   int Wait(const ListingPtr& listing);
 

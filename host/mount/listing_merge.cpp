@@ -55,28 +55,44 @@ void FillRemote(Item& item, const RemoteItem& record, const std::string& parentI
   item.otherParents = Others(record, parentId);
 }
 
-std::vector<std::string> ListingMerge::MissingWithWork(Inode folder,
-                                                       const std::vector<RemoteItem>& listed) {
+std::vector<Suspect> ListingMerge::MissingWithWork(Inode folder,
+                                                   const std::vector<RemoteItem>& listed) {
   std::set<std::string> there;
   for (const RemoteItem& record : listed) there.insert(record.id);
   const std::optional<Item> above = state.items.Find(folder);
-  std::map<Inode, std::string> missing;
+  std::set<Inode> missing;
   for (const Item& item : state.items.Children(folder))
     if (above && item.remoteParent == above->id && there.count(item.id) == 0 && !item.id.empty())
-      missing[item.ino] = item.id;
-  std::set<std::string> found;
-  if (missing.empty()) return {};
+      missing.insert(item.ino);
+  return WithWork(missing);
+}
+
+std::vector<Suspect> ListingMerge::WithWork(const std::set<Inode>& tops) {
+  std::vector<Suspect> suspects;
+  if (tops.empty()) return suspects;
+  std::set<Inode> named;
   for (const JournalRow& row : state.journal.All()) {
+    std::vector<Item> way;  // from the work up
     std::optional<Item> item = state.items.Find(row.ino);
-    while (item && item->ino != kRootInode && missing.count(item->ino) == 0)
+    while (item && item->ino != kRootInode) {
+      way.push_back(*item);
+      if (tops.count(item->ino) != 0) break;
       item = state.items.Find(item->parent);
-    if (item && item->ino != kRootInode) found.insert(item->id);
+    }
+    if (!item || tops.count(item->ino) == 0) continue;
+    std::string knownIn = item->remoteParent;
+    for (auto at = way.rbegin(); at != way.rend(); ++at) {
+      // What a program has made here, or moved here, stands elsewhere at the service or nowhere.
+      if (at->id.empty() || at->deleted || at->remoteParent != knownIn) break;
+      if (named.insert(at->ino).second) suspects.push_back({at->id, knownIn});
+      knownIn = at->id;
+    }
   }
-  return {found.begin(), found.end()};
+  return suspects;
 }
 
 Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed,
-                            const std::map<std::string, RemoteItem>& elsewhere) {
+                            const Records& elsewhere) {
   state.Change([&] {
     std::optional<Item> folder = state.items.Find(ino);
     if (!folder || folder->deleted) return;
@@ -90,6 +106,19 @@ Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed,
     folder->listedAt = NowSeconds();
     folder->stale = uncertain;
     state.items.Update(*folder);
+  });
+  return std::move(notices);
+}
+
+Notices ListingMerge::ApplyOne(const std::string& folderId, const RemoteItem& record) {
+  state.Change([&] {
+    for (Item folder : state.items.WithId(folderId)) {
+      if (folder.deleted) continue;
+      Take(folder, Shown(record, settings));
+      folder.stale = true;  // there may be more
+      state.items.Update(folder);
+      return;
+    }
   });
   return std::move(notices);
 }
@@ -119,7 +148,8 @@ void ListingMerge::Take(const Item& folder, const RemoteItem& record) {
   if (!AdoptMoved(folder, record, holders)) Add(folder, record);
 }
 
-/// By this host, and it is not known yet whether the service has done it: not somebody else's move.
+/// Or renamed, by this host, and it is not known yet whether the service has done it: not somebody
+/// else's doing.
 bool ListingMerge::IsBeingMoved(const Item& item) {
   const std::optional<JournalRow> row = state.journal.Find(item.ino);
   if (!row || row->movedTo.empty()) return false;
@@ -180,7 +210,7 @@ void ListingMerge::Refresh(Item item, const RemoteItem& record) {
 }
 
 void ListingMerge::TakeName(Item& item, const RemoteItem& record) {
-  if (record.name == item.remoteName) return;
+  if (record.name == item.remoteName || IsBeingMoved(item)) return;
   const bool renamedHere = Trimmed(item.driveName) != item.remoteName;
   item.remoteName = record.name;
   if (renamedHere) return;
@@ -203,22 +233,44 @@ void ListingMerge::TakeVersion(Item& item, const RemoteItem& record) {
   notices.push_back({Notice::kVersion, item.ino, ""});
 }
 
-void ListingMerge::RemoveMissing(const Item& folder,
-                                 const std::map<std::string, RemoteItem>& elsewhere) {
+void ListingMerge::RemoveMissing(const Item& folder, const Records& elsewhere) {
   for (const Item& item : state.items.Children(folder.ino)) {
     if (item.id.empty() || seen.count(item.id) != 0 || item.stamp > begun) continue;
     // Moved here by a program; the service has yet to follow.
     if (item.remoteParent != folder.id || IsBeingMoved(item)) continue;
-    const auto at = elsewhere.find(item.id);
-    if (at == elsewhere.end()) {
-      GoneAtService(state, store, item, notices);
-      continue;
-    }
-    notices = FollowMove(item, at->second);
+    Remove(item, elsewhere);
   }
 }
 
-Notices ListingMerge::FollowMove(Item item, const RemoteItem& record) {
+/// What others took out of it before it went is out of it here too.
+void ListingMerge::Remove(const Item& item, const Records& elsewhere) {
+  for (const auto& [id, record] : elsewhere)
+    for (const Item& moved : state.items.WithId(id))
+      if (!moved.deleted && IsBelow(moved, item.ino)) Follow(moved, record);
+  if (elsewhere.count(item.id) == 0) GoneAtService(state, store, item, notices);
+}
+
+/// Or the item itself.
+bool ListingMerge::IsBelow(Item item, Inode above) {
+  while (item.ino != above && item.ino != kRootInode) {
+    const std::optional<Item> parent = state.items.Find(item.parent);
+    if (!parent) return false;
+    item = *parent;
+  }
+  return item.ino == above;
+}
+
+Notices ListingMerge::Gone(const Item& item, const Records& elsewhere) {
+  Remove(item, elsewhere);
+  return std::move(notices);
+}
+
+Notices ListingMerge::FollowMove(const Item& item, const RemoteItem& record) {
+  Follow(item, record);
+  return std::move(notices);
+}
+
+void ListingMerge::Follow(Item item, const RemoteItem& record) {
   const std::optional<Item> old = state.items.Find(item.parent);
   const bool movedHereToo = old && old->id != item.remoteParent;
   item.remoteParent = record.parents[0];
@@ -237,7 +289,6 @@ Notices ListingMerge::FollowMove(Item item, const RemoteItem& record) {
     state.journal.Put(state.RowFor(item));
     state.newlyOwed.push_back(item.ino);
   }
-  return std::move(notices);
 }
 
 }  // namespace host::mount

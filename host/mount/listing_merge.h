@@ -14,6 +14,15 @@
 
 namespace host::mount {
 
+/// An item that is not where it was known to be, or below one.
+struct Suspect {
+  std::string id;
+  std::string knownIn;  ///< the folder
+};
+
+/// Of the service, by id.
+using Records = std::map<std::string, RemoteItem>;
+
 class ListingMerge {
  public:
   /// `begun`: State::Stamp when the listing was asked for.
@@ -21,16 +30,21 @@ class ListingMerge {
                int64_t itsBegun)
       : state(itsState), store(itsStore), settings(itsSettings), begun(itsBegun) {}
 
-  /// Items of which the listing says nothing, with work of programs in or below them: whoever
-  /// lists should ask what became of each. State held.
-  std::vector<std::string> MissingWithWork(Inode folder, const std::vector<RemoteItem>& listed);
+  /// Of the items of which the listing says nothing. State held.
+  std::vector<Suspect> MissingWithWork(Inode folder, const std::vector<RemoteItem>& listed);
+  /// Those of `tops` that have work of programs in or below them, and what is between them and
+  /// that work: others may have moved each of them away, so somebody should ask. State held.
+  std::vector<Suspect> WithWork(const std::set<Inode>& tops);
   /// State held. One transaction. Tells what programs can see of it. `elsewhere`: what the service
-  /// says of items that are not in this folder any more but in another one.
-  Notices Apply(Inode folder, const std::vector<RemoteItem>& listed,
-                const std::map<std::string, RemoteItem>& elsewhere = {});
+  /// says of suspects that are in another folder now.
+  Notices Apply(Inode folder, const std::vector<RemoteItem>& listed, const Records& elsewhere = {});
+  /// State held. One transaction. Takes one item out of a listing of the folder, no more.
+  Notices ApplyOne(const std::string& folderId, const RemoteItem& record);
+  /// State held, in a transaction. The service has this item no more.
+  Notices Gone(const Item& item, const Records& elsewhere);
   /// State held, in a transaction. The item is in another folder now, as its record says. Into one
   /// that is not known here it cannot be followed: then it is brought back.
-  Notices FollowMove(Item item, const RemoteItem& record);
+  Notices FollowMove(const Item& item, const RemoteItem& record);
 
  private:
   void Take(const Item& folder, const RemoteItem& record);
@@ -40,7 +54,10 @@ class ListingMerge {
   void Refresh(Item item, const RemoteItem& record);
   void TakeName(Item& item, const RemoteItem& record);
   void TakeVersion(Item& item, const RemoteItem& record);
-  void RemoveMissing(const Item& folder, const std::map<std::string, RemoteItem>& elsewhere);
+  void RemoveMissing(const Item& folder, const Records& elsewhere);
+  void Follow(Item item, const RemoteItem& record);
+  void Remove(const Item& item, const Records& elsewhere);
+  bool IsBelow(Item item, Inode above);
 
   State& state;
   ContentStore& store;

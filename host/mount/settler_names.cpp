@@ -205,6 +205,7 @@ Verdict Settler::FollowMove(const Work& work, Verdict otherwise) {
   const std::optional<bool> stands = Stands(record.parents[0]);
   if (!stands) return otherwise;
   if (!*stands) return Vanished(work);
+  folders.MakeKnown(record.parents[0]);
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
@@ -251,14 +252,7 @@ bool Settler::ConfirmPlace(const Work& work, const std::string& name, const std:
 
 /// Deleted by somebody else while it was to be renamed here: there is nothing to rename.
 Verdict Settler::Vanished(const Work& work) {
-  Notices notices;
-  {
-    std::lock_guard lock(state.mutex);
-    const std::optional<Item> item = state.items.Find(work.item.ino);
-    if (item && item->id == work.item.id)
-      state.Change([&] { GoneAtService(state, store, *item, notices); });
-  }
-  folders.Tell(notices);
+  folders.TakeAway(work.item);
   return {.kind = Verdict::kProgress};
 }
 

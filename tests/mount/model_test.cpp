@@ -652,7 +652,10 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
       const bool there =
           thing.folder ? folders.count(path) > 0
                        : std::any_of(from, to, [&](const auto& at) { return at.second == path; });
-      EXPECT_TRUE(there) << "not at its place: " << path << " " << Describe(view.content);
+      std::string places;
+      for (auto at = from; at != to; ++at) places += " " + at->second;
+      EXPECT_TRUE(there) << "not at its place: " << path << " " << Describe(view.content)
+                         << "\nbut at" << places;
     }
     const auto known = std::count_if(things.begin() + 1, things.end(),
                                      [](const Thing& thing) { return thing.folder; });
