@@ -33,18 +33,18 @@ RemoteItem Shown(RemoteItem record, const Settings& settings) {
   return record;
 }
 
-std::string Others(const RemoteItem& record, const std::string& parentId) {
-  std::string others;
-  for (const std::string& parent : record.parents)
-    if (parent != parentId) others += (others.empty() ? "" : " ") + parent;
-  return others;
-}
-
 bool ListsParent(const RemoteItem& record, const std::string& id) {
   return std::find(record.parents.begin(), record.parents.end(), id) != record.parents.end();
 }
 
 }  // namespace
+
+std::string OtherParents(const RemoteItem& record, const std::string& parentId) {
+  std::string others;
+  for (const std::string& parent : record.parents)
+    if (parent != parentId) others += (others.empty() ? "" : " ") + parent;
+  return others;
+}
 
 void FillRemote(Item& item, const RemoteItem& record, const std::string& parentId) {
   item.id = record.id;
@@ -52,7 +52,7 @@ void FillRemote(Item& item, const RemoteItem& record, const std::string& parentI
   item.remoteParent = parentId;
   item.remoteTime = record.time3;
   item.remoteSize = record.size;
-  item.otherParents = Others(record, parentId);
+  item.otherParents = OtherParents(record, parentId);
 }
 
 std::vector<Suspect> ListingMerge::MissingWithWork(Inode folder,
@@ -201,7 +201,9 @@ void ListingMerge::Refresh(Item item, const RemoteItem& record) {
   const Item before = item;
   TakeName(item, record);
   TakeVersion(item, record);
-  item.otherParents = Others(record, item.remoteParent);
+  // Without that parent it is where this host has just moved it to, and not in two folders.
+  if (ListsParent(record, item.remoteParent))
+    item.otherParents = OtherParents(record, item.remoteParent);
   state.items.Update(item);
   if (before.name != item.name) {
     notices.push_back({Notice::kEntry, item.parent, before.name});

@@ -69,6 +69,9 @@ class ListingMerge {
   Notices notices;
 };
 
+/// Separated by blanks.
+std::string OtherParents(const RemoteItem& record, const std::string& parentId);
+
 /// The item's own columns as a record says: what the service last told.
 void FillRemote(Item& item, const RemoteItem& record, const std::string& parentId);
 

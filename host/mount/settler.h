@@ -109,7 +109,7 @@ class Settler {
   Verdict DeleteFile(const Work& work);
   Verdict LeaveToOthers(const Work& work, const std::string& why);
   Verdict DeleteFolder(const Work& work);
-  Verdict DeleteAtService(const Work& work);
+  Verdict DeleteAtService(const Work& work, RemoteItem record);
   Verdict Vanished(const Work& work);
   std::optional<bool> Exists(const Work& work);
   std::optional<bool> IsListed(const std::string& folder, const std::string& id, int depth = 0);

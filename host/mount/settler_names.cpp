@@ -240,6 +240,7 @@ bool Settler::ConfirmPlace(const Work& work, const std::string& name, const std:
         work.item.remoteParent != parentId &&
         work.item.otherParents.find(parent) == std::string::npos)
       item->remoteParent = parent;
+  if (!record.parents.empty()) item->otherParents = OtherParents(record, item->remoteParent);
   item->stamp = state.NextStamp();
   std::optional<JournalRow> row = state.journal.Find(work.item.ino);
   state.Change([&] {
@@ -346,11 +347,11 @@ Verdict Settler::DeleteFile(const Work& work) {
   const std::string& time = work.row.hasBase ? work.row.baseTime : work.item.remoteTime;
   const int64_t size = work.row.hasBase ? work.row.baseSize : work.item.remoteSize;
   const bool same = record.time3 == time && (work.item.IsMadeUp() || record.size == size);
-  if (same || IsOwnTime(work, record)) return DeleteAtService(work);
+  if (same || IsOwnTime(work, record)) return DeleteAtService(work, record);
   if (!work.row.attempted) return LeaveToOthers(work, "it was changed elsewhere");
   const std::optional<bool> ours = HoldsAttempt(work.row, record);
   if (!ours) return {.kind = Verdict::kFailed, .error = "the service's version cannot be read"};
-  return *ours ? DeleteAtService(work) : LeaveToOthers(work, "it was changed elsewhere");
+  return *ours ? DeleteAtService(work, record) : LeaveToOthers(work, "it was changed elsewhere");
 }
 
 /// What was deleted here shows up again as what it is at the service.
@@ -390,7 +391,7 @@ Verdict Settler::DeleteFolder(const Work& work) {
   const AERROR code = remote.List(work.item.id, listed);
   if (code == AERROR::SUCCESS && !listed.empty())
     return LeaveToOthers(work, "something was put into it elsewhere");
-  if (code == AERROR::SUCCESS) return DeleteAtService(work);
+  if (code == AERROR::SUCCESS) return DeleteAtService(work, RecordOf(work.item));
   const std::optional<bool> exists = Exists(work);
   if (exists && !*exists) {
     Done(work);
@@ -399,8 +400,15 @@ Verdict Settler::DeleteFolder(const Work& work) {
   return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
 }
 
-Verdict Settler::DeleteAtService(const Work& work) {
-  const AERROR code = remote.Delete(RecordOf(work.item));
+/// `record`: what the service says of it. What stands in several folders is only taken out of the
+/// one that it was deleted from here.
+Verdict Settler::DeleteAtService(const Work& work, RemoteItem record) {
+  if (record.parents.empty()) record = RecordOf(work.item);  // a document's does not tell them
+  record.parent_id = work.item.remoteParent;
+  if (!HasParent(record, record.parent_id))
+    record.parent_id =
+        HasParent(record, work.row.movedTo) ? work.row.movedTo : record.parents.front();
+  const AERROR code = remote.Delete(record);
   if (code != AERROR::SUCCESS) {
     const std::optional<bool> exists = Exists(work);
     if (!exists || *exists)

@@ -584,7 +584,22 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
 
   // What is told of a failure.
 
-  void Note(const std::string& what) { history += "  " + what + "\n"; }
+  void Note(const std::string& what) {
+    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+    history.emplace(now.count(), what);
+  }
+  /// With the requests that were to change something.
+  std::string History() {
+    for (const emulator::JournalEntry& entry : service.Journal())
+      if (entry.httpMethod != "GET")
+        history.emplace(entry.startSeconds, "    " + entry.httpMethod + " " + entry.path + " " +
+                                                entry.query + " " +
+                                                entry.requestBody.substr(0, 120) + " -> " +
+                                                std::to_string(entry.status));
+    std::string text = offline ? "offline\n" : "online\n";
+    for (const auto& [at, what] : history) text += "  " + what + "\n";
+    return text;
+  }
   static std::string Begin(const std::string& content) {
     return "\"" + content.substr(0, 40) + "\" (" + std::to_string(content.size()) + ")";
   }
@@ -735,6 +750,7 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
 
   void Round() {
     history.clear();
+    service.ClearJournal();
     for (size_t i = 1; i < things.size(); ++i)
       Note(std::to_string(i) + ": " + things[i].base->name + " in " +
            std::to_string(things[i].base->parent) + " " + Begin(things[i].base->content));
@@ -777,12 +793,12 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
       SCOPED_TRACE("VORMLANE_SEED=" + std::to_string(seed) + " round " + std::to_string(round));
       Round();
       if (!HasFailure()) TakeUpAll();
-      if (HasFailure()) ADD_FAILURE() << (offline ? "offline\n" : "online\n") << history;
+      if (HasFailure()) ADD_FAILURE() << History();
     }
   }
 
   std::mt19937 random;
-  std::string history;  // of this round
+  std::multimap<double, std::string> history;  // of this round, by seconds since 1970
   int texts = 0;
   bool offline = false;          // in this round
   bool foldersMoveHere = false;  // in this round; else they may be moved elsewhere
