@@ -48,6 +48,10 @@ class Settle : public DriveFixture {
     };
     while (!failed()) std::this_thread::yield();
   }
+
+  /// What others do while the network is away is not known here until something is sent.
+  void CutNetwork() { Fault("*", "reset-before", 1'000'000); }
+  void RestoreNetwork() { service.ClearFaults(); }
 };
 
 TEST_F(Settle, BringsATreeToTheService) {
@@ -121,11 +125,10 @@ TEST_F(Settle, KeepsARemoteEditBesideALocalOne) {
   ASSERT_EQ(Write("report.txt", "base"), 0);
   Drain();
   const std::string id = *service.Find("report.txt");
-  Settings slow = QuickSettings();
-  Stop();
-  Start(slow);
+  CutNetwork();
   service.Write(id, "theirs");
   ASSERT_EQ(Write("report.txt", "mine, which is longer"), 0);
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(service.Content(id), "theirs");
   const std::vector<std::string> names = NamesAtService();
@@ -181,10 +184,12 @@ TEST_F(Settle, RemakesWhatOthersDeletedUnderALocalEdit) {
   ASSERT_EQ(Write("shared/a.txt", "one"), 0);
   ASSERT_EQ(Write("trashed.txt", "one"), 0);
   Drain();
+  CutNetwork();
   service.Remove(*service.Find("shared"));
   service.Trash(*service.Find("trashed.txt"));
   ASSERT_EQ(Write("shared/a.txt", "two"), 0);
   ASSERT_EQ(Write("trashed.txt", "two"), 0);
+  RestoreNetwork();
   Refresh();
   Drain();
   EXPECT_EQ(AtService("shared/a.txt"), "two");
@@ -194,8 +199,10 @@ TEST_F(Settle, RemakesWhatOthersDeletedUnderALocalEdit) {
 TEST_F(Settle, DoesNotDeleteWhatOthersPutIntoAFolder) {
   ASSERT_EQ(MakeFolder("box"), 0);
   Drain();
+  CutNetwork();
   service.Put("box/theirs.txt", "precious");
-  ASSERT_EQ(RemoveFolder("box"), 0);  // nobody here knows yet
+  ASSERT_EQ(RemoveFolder("box"), 0);
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("box/theirs.txt"), "precious");
   EXPECT_EQ(Read("box/theirs.txt"), "precious");
@@ -205,10 +212,12 @@ TEST_F(Settle, DeletesOnlyTheVersionThatWasKnownHere) {
   for (const char* name : {"deleted.txt", "replaced.txt", "source.txt"})
     ASSERT_EQ(Write(name, "base of " + std::string(name)), 0);
   Drain();
+  CutNetwork();
   for (const char* name : {"deleted.txt", "replaced.txt", "source.txt"})
     service.Write(*service.Find(name), "theirs of " + std::string(name));
   ASSERT_EQ(Remove("deleted.txt"), 0);
   ASSERT_EQ(Rename("source.txt", "replaced.txt"), 0);
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("deleted.txt"), "theirs of deleted.txt");
   EXPECT_EQ(AtService("replaced.txt"), "theirs of replaced.txt");
@@ -224,12 +233,12 @@ TEST_F(Settle, PutsNothingIntoAFolderThatIsInTheTrash) {
   ASSERT_EQ(MakeFolder("dir"), 0);
   ASSERT_EQ(Write("dir/known.txt", "one"), 0);
   Drain();
-  Fault("*", "reset-before", 1'000'000);
+  CutNetwork();
   ASSERT_EQ(Write("dir/known.txt", "two"), 0);
   ASSERT_EQ(Write("dir/new.txt", "new"), 0);
   service.Trash(*service.Find("dir"));
   EXPECT_FALSE(drive->queue.Drain(Milliseconds(200)));
-  service.ClearFaults();
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("dir/known.txt"), "two");
   EXPECT_EQ(AtService("dir/new.txt"), "new");
@@ -268,11 +277,11 @@ TEST_F(Settle, FollowsAMoveIntoAFolderThatWasMovedToo) {
   service.Put("b/f.txt", "old");
   ASSERT_EQ(Read("b/f.txt"), "old");
   ASSERT_EQ(Read("a/dir/keep"), "");
-  Fault("*", "reset-before", 1'000'000);
+  CutNetwork();
   ASSERT_EQ(Write("b/f.txt", "new"), 0);
   service.Move(*service.Find("b/f.txt"), *service.Find("a/dir"));
   service.Move(*service.Find("a/dir"), service.RootId());
-  service.ClearFaults();
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("dir/f.txt"), "new");
   EXPECT_THAT(NamesAtService("b"), ElementsAre());
@@ -283,7 +292,7 @@ TEST_F(Settle, FollowsAMoveOutOfAFolderThatIsGoneIntoOneNeverSeen) {
   service.Put("box/deeper/inner/keep", "");
   ASSERT_EQ(Read("box/inner/keep"), "");
   ASSERT_EQ(Read("box/deeper/inner/keep"), "");
-  Fault("*", "reset-before", 1'000'000);
+  CutNetwork();
   ASSERT_EQ(Write("box/inner/new.txt", "new"), 0);
   ASSERT_EQ(Write("box/deeper/inner/keep", "edited"), 0);
   service.Put("unseen/one/f", "");
@@ -291,7 +300,7 @@ TEST_F(Settle, FollowsAMoveOutOfAFolderThatIsGoneIntoOneNeverSeen) {
   service.Move(*service.Find("box/inner"), *service.Find("unseen/one"));
   service.Move(*service.Find("box/deeper"), *service.Find("unseen/two"));
   service.Remove(*service.Find("box"));
-  service.ClearFaults();
+  RestoreNetwork();
   Refresh();
   Drain();
   EXPECT_EQ(AtService("unseen/one/inner/new.txt"), "new");
@@ -311,7 +320,7 @@ TEST_F(Settle, DeletesForGoodWhatItHasJustMoved) {
   while (AtService("into/f.txt") != "bye") std::this_thread::yield();
   ASSERT_EQ(drive->folders.RefreshNow(Find("into")), 0);
   ASSERT_EQ(Remove("into/f.txt"), 0);
-  service.ClearFaults();
+  RestoreNetwork();
   Drain();
   EXPECT_THAT(NamesAtService("into"), ElementsAre());
   EXPECT_THAT(NamesAtService("from"), ElementsAre());
@@ -326,7 +335,7 @@ TEST_F(Settle, TakesNoRenameOfItsOwnForOneOfOthers) {
   while (AtService("b.txt") != "text") std::this_thread::yield();
   ASSERT_EQ(Rename("b.txt", "a.txt"), 0);
   ASSERT_EQ(drive->folders.RefreshNow(Find("")), 0);
-  service.ClearFaults();
+  RestoreNetwork();
   Drain();
   EXPECT_THAT(NamesAtService(), ElementsAre("a.txt"));
   EXPECT_THAT(Names(), ElementsAre("a.txt"));
@@ -366,7 +375,7 @@ TEST_F(Settle, DeletesAFolderAfterWhatMayHaveComeIntoIt) {
   Fault("drive.files.update", "applied-not-answered", 100);
   Fault("drive.files.get", "reset-before", 100);
   SettleInVain("moved/there.txt");
-  service.ClearFaults();
+  RestoreNetwork();
   ASSERT_EQ(AtService("moved/there.txt") + AtService("made/new.txt"), "mn");
   ASSERT_EQ(Remove("made/new.txt"), 0);
   ASSERT_EQ(RemoveFolder("made"), 0);
@@ -382,7 +391,7 @@ TEST_F(Settle, ReplacesAFileWhoseCreationWasNotAnswered) {
   Fault("drive.upload.content", "applied-not-answered", 100);
   ASSERT_EQ(Write("a.txt", "old"), 0);
   SettleInVain("a.txt");
-  service.ClearFaults();
+  RestoreNetwork();
   ASSERT_EQ(Write("b.txt", "new"), 0);
   ASSERT_EQ(Rename("b.txt", "a.txt"), 0);
   Drain();
@@ -443,7 +452,7 @@ TEST_F(Settle, KeepsItsPromisesThroughARestart) {
   ASSERT_EQ(MakeFolder("dir"), 0);
   ASSERT_EQ(Rename("kept.txt", "dir/kept2.txt"), 0);
   Stop();
-  service.ClearFaults();
+  RestoreNetwork();
   Start();
   EXPECT_EQ(Read("dir/kept2.txt"), "kept");
   Drain();
@@ -457,13 +466,13 @@ TEST_F(Settle, ServesWhatItHasWithoutTheService) {
   ASSERT_EQ(Names("dir").size(), 2u);
   EXPECT_EQ(Read("dir/a.txt"), "cached");
   Stop();
-  Fault("*", "reset-before", 1'000'000);
+  CutNetwork();
   Start();
   EXPECT_THAT(Names("dir"), ElementsAre("a.txt", "b.txt"));
   EXPECT_EQ(Read("dir/a.txt"), "cached");
   EXPECT_EQ(Read("dir/b.txt"), "(error)");
   EXPECT_EQ(Write("dir/c.txt", "later"), 0);
-  service.ClearFaults();
+  RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("dir/c.txt"), "later");
 }
