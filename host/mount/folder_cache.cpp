@@ -226,12 +226,12 @@ int FolderCache::ListAndMerge(Inode folder) {
     if (item.id.empty() || remote.Info(item.id, item) != AERROR::SUCCESS) return EIO;
   }
   ListingMerge merge(state, store, settings, begun);
-  std::vector<Suspect> missing;
+  std::set<Inode> missing;
   {
     std::lock_guard lock(state.mutex);
-    missing = merge.MissingWithWork(folder, listed);
+    missing = merge.Missing(folder, listed);
   }
-  const Records elsewhere = WhereMoved(missing);
+  const Records elsewhere = WhereMoved(merge, missing);
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
@@ -241,12 +241,20 @@ int FolderCache::ListAndMerge(Inode folder) {
   return 0;
 }
 
-/// What the service says of those that are in another folder now; what is below one of them is
-/// there with it.
-Records FolderCache::WhereMoved(const std::vector<Suspect>& suspects) {
+/// What the service says of those in or below `tops` that are in another folder now: of those with
+/// work of programs, and of the folders that these went to. What is below one of them is there
+/// with it.
+Records FolderCache::WhereMoved(ListingMerge& merge, const std::set<Inode>& tops) {
+  std::vector<Suspect> suspects;
+  {
+    std::lock_guard lock(state.mutex);
+    suspects = merge.WithWork(tops);
+  }
   Records elsewhere;
-  std::set<std::string> away;
-  for (const Suspect& suspect : suspects) {
+  std::set<std::string> asked, away;
+  for (size_t i = 0; i < suspects.size(); ++i) {
+    const Suspect suspect = suspects[i];
+    if (!asked.insert(suspect.id).second) continue;
     if (away.count(suspect.knownIn) != 0) {
       away.insert(suspect.id);
       continue;
@@ -259,6 +267,9 @@ Records FolderCache::WhereMoved(const std::vector<Suspect>& suspects) {
     MakeKnown(record.parents[0]);
     away.insert(suspect.id);
     elsewhere.emplace(suspect.id, record);
+    std::lock_guard lock(state.mutex);
+    const std::vector<Suspect> more = merge.Above(record.parents[0], tops);
+    suspects.insert(suspects.end(), more.begin(), more.end());
   }
   return elsewhere;
 }
@@ -291,21 +302,19 @@ bool FolderCache::MakeKnown(const std::string& folderId, int depth) {
 }
 
 void FolderCache::TakeAway(const Item& item) {
-  std::vector<Suspect> below;
+  int64_t begun = 0;
   {
     std::lock_guard lock(state.mutex);
-    below = ListingMerge(state, store, settings, state.Stamp()).WithWork({item.ino});
+    begun = state.Stamp();
   }
-  std::erase_if(below, [&](const Suspect& suspect) { return suspect.id == item.id; });
-  const Records elsewhere = WhereMoved(below);
+  ListingMerge merge(state, store, settings, begun);
+  Records elsewhere = WhereMoved(merge, {item.ino});
+  elsewhere.erase(item.id);
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
     const std::optional<Item> now = state.items.Find(item.ino);
-    if (now && now->id == item.id)
-      state.Change([&] {
-        notices = ListingMerge(state, store, settings, state.Stamp()).Gone(*now, elsewhere);
-      });
+    if (now && now->id == item.id) state.Change([&] { notices = merge.Gone(*now, elsewhere); });
   }
   Tell(notices);
 }

@@ -90,7 +90,7 @@ class FolderCache {
   void Run(Inode folder, const ListingPtr& listing);
   int Finish(Inode folder, const ListingPtr& listing, int error);
   int ListAndMerge(Inode folder);
-  Records WhereMoved(const std::vector<Suspect>& suspects);
+  Records WhereMoved(ListingMerge& merge, const std::set<Inode>& tops);
   void ListAhead(Inode folder, int depth);
   int Wait(const ListingPtr& listing);
 

@@ -55,8 +55,7 @@ void FillRemote(Item& item, const RemoteItem& record, const std::string& parentI
   item.otherParents = OtherParents(record, parentId);
 }
 
-std::vector<Suspect> ListingMerge::MissingWithWork(Inode folder,
-                                                   const std::vector<RemoteItem>& listed) {
+std::set<Inode> ListingMerge::Missing(Inode folder, const std::vector<RemoteItem>& listed) {
   std::set<std::string> there;
   for (const RemoteItem& record : listed) there.insert(record.id);
   const std::optional<Item> above = state.items.Find(folder);
@@ -64,31 +63,39 @@ std::vector<Suspect> ListingMerge::MissingWithWork(Inode folder,
   for (const Item& item : state.items.Children(folder))
     if (above && item.remoteParent == above->id && there.count(item.id) == 0 && !item.id.empty())
       missing.insert(item.ino);
-  return WithWork(missing);
+  return missing;
 }
 
 std::vector<Suspect> ListingMerge::WithWork(const std::set<Inode>& tops) {
   std::vector<Suspect> suspects;
   if (tops.empty()) return suspects;
-  std::set<Inode> named;
-  for (const JournalRow& row : state.journal.All()) {
-    std::vector<Item> way;  // from the work up
-    std::optional<Item> item = state.items.Find(row.ino);
-    while (item && item->ino != kRootInode) {
-      way.push_back(*item);
-      if (tops.count(item->ino) != 0) break;
-      item = state.items.Find(item->parent);
-    }
-    if (!item || tops.count(item->ino) == 0) continue;
-    std::string knownIn = item->remoteParent;
-    for (auto at = way.rbegin(); at != way.rend(); ++at) {
-      // What a program has made here, or moved here, stands elsewhere at the service or nowhere.
-      if (at->id.empty() || at->deleted || at->remoteParent != knownIn) break;
-      if (named.insert(at->ino).second) suspects.push_back({at->id, knownIn});
-      knownIn = at->id;
-    }
-  }
+  for (const JournalRow& row : state.journal.All()) AddWay(row.ino, tops, suspects);
   return suspects;
+}
+
+std::vector<Suspect> ListingMerge::Above(const std::string& folderId, const std::set<Inode>& tops) {
+  std::vector<Suspect> suspects;
+  for (const Item& item : state.items.WithId(folderId)) AddWay(item.ino, tops, suspects);
+  return suspects;
+}
+
+/// From the top down.
+void ListingMerge::AddWay(Inode from, const std::set<Inode>& tops, std::vector<Suspect>& suspects) {
+  std::vector<Item> way;
+  std::optional<Item> item = state.items.Find(from);
+  while (item && item->ino != kRootInode) {
+    way.push_back(*item);
+    if (tops.count(item->ino) != 0) break;
+    item = state.items.Find(item->parent);
+  }
+  if (!item || tops.count(item->ino) == 0) return;
+  std::string knownIn = item->remoteParent;
+  for (auto at = way.rbegin(); at != way.rend(); ++at) {
+    // What a program has made here, or moved here, stands elsewhere at the service or nowhere.
+    if (at->id.empty() || at->deleted || at->remoteParent != knownIn) return;
+    suspects.push_back({at->id, knownIn});
+    knownIn = at->id;
+  }
 }
 
 Notices ListingMerge::Apply(Inode ino, const std::vector<RemoteItem>& listed,

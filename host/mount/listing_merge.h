@@ -30,11 +30,13 @@ class ListingMerge {
                int64_t itsBegun)
       : state(itsState), store(itsStore), settings(itsSettings), begun(itsBegun) {}
 
-  /// Of the items of which the listing says nothing. State held.
-  std::vector<Suspect> MissingWithWork(Inode folder, const std::vector<RemoteItem>& listed);
+  /// Items of the folder of which the listing says nothing. State held.
+  std::set<Inode> Missing(Inode folder, const std::vector<RemoteItem>& listed);
   /// Those of `tops` that have work of programs in or below them, and what is between them and
   /// that work: others may have moved each of them away, so somebody should ask. State held.
   std::vector<Suspect> WithWork(const std::set<Inode>& tops);
+  /// The same for those that are above this folder, or are it. State held.
+  std::vector<Suspect> Above(const std::string& folderId, const std::set<Inode>& tops);
   /// State held. One transaction. Tells what programs can see of it. `elsewhere`: what the service
   /// says of suspects that are in another folder now.
   Notices Apply(Inode folder, const std::vector<RemoteItem>& listed, const Records& elsewhere = {});
@@ -47,6 +49,7 @@ class ListingMerge {
   Notices FollowMove(const Item& item, const RemoteItem& record);
 
  private:
+  void AddWay(Inode from, const std::set<Inode>& tops, std::vector<Suspect>& suspects);
   void Take(const Item& folder, const RemoteItem& record);
   void Add(const Item& folder, const RemoteItem& record);
   bool IsBeingMoved(const Item& item);

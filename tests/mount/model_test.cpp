@@ -791,8 +791,12 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
     TakeUpAll();
     for (int round = 0; round < rounds && !HasFailure(); ++round) {
       SCOPED_TRACE("VORMLANE_SEED=" + std::to_string(seed) + " round " + std::to_string(round));
-      Round();
-      if (!HasFailure()) TakeUpAll();
+      try {
+        Round();
+        if (!HasFailure()) TakeUpAll();
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+      }
       if (HasFailure()) ADD_FAILURE() << History();
     }
   }

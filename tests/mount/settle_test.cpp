@@ -275,16 +275,24 @@ TEST_F(Settle, FollowsAMoveUnderALocalEdit) {
 TEST_F(Settle, FollowsAMoveIntoAFolderThatWasMovedToo) {
   service.Put("a/dir/keep", "");
   service.Put("b/f.txt", "old");
+  service.Put("g.txt", "old");
+  service.Put("side/keep", "");
   ASSERT_EQ(Read("b/f.txt"), "old");
+  ASSERT_EQ(Read("g.txt"), "old");
   ASSERT_EQ(Read("a/dir/keep"), "");
   CutNetwork();
   ASSERT_EQ(Write("b/f.txt", "new"), 0);
+  ASSERT_EQ(Write("g.txt", "new"), 0);
   service.Move(*service.Find("b/f.txt"), *service.Find("a/dir"));
   service.Move(*service.Find("a/dir"), service.RootId());
+  service.Move(*service.Find("g.txt"), *service.Find("side"));
+  service.Move(*service.Find("side"), *service.Find("b"));
   RestoreNetwork();
   Drain();
   EXPECT_EQ(AtService("dir/f.txt"), "new");
-  EXPECT_THAT(NamesAtService("b"), ElementsAre());
+  EXPECT_EQ(AtService("b/side/g.txt"), "new");
+  EXPECT_THAT(NamesAtService("b"), ElementsAre("side"));
+  EXPECT_THAT(NamesAtService(), ElementsAre("a", "b", "dir"));
 }
 
 TEST_F(Settle, FollowsAMoveOutOfAFolderThatIsGoneIntoOneNeverSeen) {
