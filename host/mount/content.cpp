@@ -8,7 +8,8 @@
 namespace host::mount {
 namespace {
 
-int WriteAll(int descriptor, std::span<const char> bytes, int64_t offset) {
+/// `offset` moves on with what is written; 0 or a positive errno.
+int WriteAll(int descriptor, std::span<const char> bytes, int64_t& offset) {
   while (!bytes.empty()) {
     const ssize_t count = pwrite(descriptor, bytes.data(), bytes.size(), offset);
     if (count < 0 && errno == EINTR) continue;
@@ -57,8 +58,10 @@ std::optional<std::string> Content::Whole() {
 int Content::Write(std::span<const char> bytes, int64_t offset) {
   std::unique_lock lock(io);
   ++writes;
+  const int64_t begin = offset;
   const int error = WriteAll(descriptor, bytes, offset);
-  if (error == 0) size = std::max<int64_t>(size, offset + static_cast<int64_t>(bytes.size()));
+  // A disk that fills up takes a part: the file has it.
+  if (offset > begin) size = std::max<int64_t>(size, offset);
   return error;
 }
 

@@ -86,7 +86,7 @@ int Files::Open(Inode ino, int flags, std::unique_ptr<OpenFile>& file) {
     const int error = Tried([&] { return Resize(*opened->node, 0); });
     lock.unlock();
     if (error != 0) {
-      Drop(opened->node, writes);
+      Release(std::move(opened));
       return -error;
     }
   }
@@ -263,15 +263,23 @@ int Files::Truncate(Inode ino, int64_t size) {
   if (const int error = tree.Get(ino, item)) return -error;
   if (item.IsFolder()) return -EISDIR;
   if (item.IsMadeUp()) return -EACCES;
-  const NodePtr node = Acquire(ino, true);
-  int error = 0;
-  {
-    std::lock_guard lock(node->mutex);
-    error = Tried([&] { return Resize(*node, size); });
-    // Nobody else has it open: nobody will close it either.
-    if (error == 0 && node->writers == 1) error = Tried([&] { return Commit(*node); });
+  auto file = std::make_unique<OpenFile>();
+  file->node = Acquire(ino, true);
+  Node& node = *file->node;
+  std::unique_lock lock(node.mutex);
+  int error = Tried([&] { return Resize(node, size); });
+  // Nobody else has it open for writing: nobody will close it either.
+  if (--node.writers == 0) {
+    const int refusal = Tried([&] { return Commit(node); });
+    if (error == 0) error = refusal;
+    file->writes = refusal != 0;
+    node.writers += file->writes;
   }
-  Drop(node, true);
+  lock.unlock();
+  if (file->writes)
+    LeaveOpen(std::move(file));
+  else
+    Drop(file->node, false);
   return -error;
 }
 
@@ -326,7 +334,7 @@ int Files::CommitLocked(Node& node, const std::optional<std::string>& bytes) {
 
 /// A reader's close says nothing about what a writer is still at.
 bool Files::MayCommit(const OpenFile& file) {
-  std::lock_guard lock(mutex);
+  std::lock_guard lock(file.node->mutex);
   return file.writes || file.node->writers == 0;
 }
 
@@ -339,15 +347,16 @@ int Files::Fsync(OpenFile& file) {
 }
 
 void Files::Release(std::unique_ptr<OpenFile> file) {
-  // Pages of a mapping arrive after the last close. What the disk refuses to keep now stays open,
-  // as it was left, until it does.
-  if (MayCommit(*file) && TryCommit(*file->node) != 0) {
-    std::lock_guard lock(mutex);
-    refused.push_back(std::move(file));
-    return;
-  }
+  // Pages of a mapping arrive after the last close.
+  if (MayCommit(*file) && TryCommit(*file->node) != 0) return LeaveOpen(std::move(file));
   Drop(file->node, file->writes);
   if (file->writes) owed.Committed(file->node->ino, false);
+}
+
+/// What the disk refuses to keep now stays open, as it was left, until it does.
+void Files::LeaveOpen(std::unique_ptr<OpenFile> file) {
+  std::lock_guard lock(mutex);
+  refused.push_back(std::move(file));
 }
 
 void Files::CommitAll() {

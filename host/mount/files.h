@@ -108,6 +108,7 @@ class Files {
   int BeginLocked(Node& node, bool& settled);
   int Settle(Node& node);
   int Replace(Node& node);
+  void LeaveOpen(std::unique_ptr<OpenFile> file);
   int Resize(Node& node, int64_t size);
   int Commit(Node& node);
   int CommitLocked(Node& node, const std::optional<std::string>& bytes);

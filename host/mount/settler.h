@@ -76,6 +76,9 @@ class Settler {
   Verdict LookForLostCreate(const Work& work);
   void Adopt(const Work& work, const RemoteItem& record, const std::string& parentId,
              int64_t generationSent);
+  std::optional<Verdict> Prepare(const Work& work, const std::string& parentId, ContentPtr& content,
+                                 uint64_t& writes);
+  bool IsOutdated(const Work& work);
   bool MarkAttempt(const Work& work, const std::string& parentId, const std::string& hash,
                    int64_t size);
   Verdict Lost(const Work& work, const std::string& error);

@@ -155,14 +155,39 @@ bool Settler::IsOwnTime(const Work& work, const RemoteItem& record) {
          record.size == (work.row.hasBase ? work.row.baseSize : work.item.remoteSize);
 }
 
-Verdict Settler::SendOver(const Work& work, Sending& sending) {
-  const ContentPtr content = OpenContent(work.row.content);
-  if (!content) return {.kind = Verdict::kFailed, .error = "its bytes are missing"};
-  const uint64_t writes = content->Writes();
+/// Opens the bytes that are owed and notes that they are about to be sent; what else is to be done
+/// when they are not the ones of a commit.
+std::optional<Verdict> Settler::Prepare(const Work& work, const std::string& parentId,
+                                        ContentPtr& content, uint64_t& writes) {
+  content = OpenContent(work.row.content);
+  if (!content) return Verdict{.kind = Verdict::kFailed, .error = "its bytes are missing"};
+  writes = content->Writes();
+  // The service's copy would never be as long as what is owed.
+  if (const int64_t size = content->Size(); size != work.item.size) {
+    if (IsOutdated(work)) return Verdict{.kind = Verdict::kProgress};
+    return Verdict{.kind = Verdict::kFailed,
+                   .error = "of its " + std::to_string(work.item.size) +
+                            " bytes the local disk has " + std::to_string(size)};
+  }
   std::string hash;
   if (!Hash(content, writes, hash))
-    return {.kind = Verdict::kPause, .pause = settings.heldOpenDelay};
-  if (!MarkAttempt(work, "", hash, content->Size())) return {.kind = Verdict::kProgress};
+    return Verdict{.kind = Verdict::kPause, .pause = settings.heldOpenDelay};
+  if (!MarkAttempt(work, parentId, hash, content->Size()))
+    return Verdict{.kind = Verdict::kProgress};
+  return std::nullopt;
+}
+
+/// A program has written, or committed, since the step began.
+bool Settler::IsOutdated(const Work& work) {
+  std::lock_guard lock(state.mutex);
+  const std::optional<JournalRow> row = state.journal.Find(work.item.ino);
+  return !row || row->editing || row->generation != work.row.generation;
+}
+
+Verdict Settler::SendOver(const Work& work, Sending& sending) {
+  ContentPtr content;
+  uint64_t writes = 0;
+  if (std::optional<Verdict> verdict = Prepare(work, "", content, writes)) return *verdict;
   RemoteItem record;
   record.name = NameToSend(work.item);
   const int64_t size = record.size = content->Size();

@@ -53,14 +53,10 @@ Verdict Settler::CreateFolder(const Work& work) {
 }
 
 Verdict Settler::CreateFile(const Work& work, Sending& sending) {
-  const ContentPtr content = OpenContent(work.row.content);
-  if (!content) return {.kind = Verdict::kFailed, .error = "its bytes are missing"};
-  const uint64_t writes = content->Writes();
-  std::string hash;
-  if (!Hash(content, writes, hash))
-    return {.kind = Verdict::kPause, .pause = settings.heldOpenDelay};
-  if (!MarkAttempt(work, work.parent.id, hash, content->Size()))
-    return {.kind = Verdict::kProgress};
+  ContentPtr content;
+  uint64_t writes = 0;
+  if (std::optional<Verdict> verdict = Prepare(work, work.parent.id, content, writes))
+    return *verdict;
   RemoteItem record;
   record.name = NameToSend(work.item);
   const int64_t size = record.size = content->Size();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <thread>
 
 namespace host::mount {
 
@@ -129,6 +130,20 @@ void DriveFixture::Drain() {
                   << " attempted=" << row.attempted << " after=" << row.after << " " << row.error;
   }
   FAIL() << "not drained";
+}
+
+std::string DriveFixture::Refusal(const std::string& path) {
+  const Inode ino = Find(path);
+  drive->queue.Hurry();
+  for (;;) {
+    {
+      std::lock_guard lock(drive->state.mutex);
+      const std::optional<JournalRow> row = drive->state.journal.Find(ino);
+      if (!row) return "(it was sent)";
+      if (row->tries > 0) return row->error;
+    }
+    std::this_thread::yield();
+  }
 }
 
 void DriveFixture::Refresh(const std::string& folder) {

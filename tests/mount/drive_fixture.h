@@ -39,6 +39,8 @@ class DriveFixture : public ::testing::Test {
 
   /// Everything is on the service.
   void Drain();
+  /// Tries what is owed, and waits until that of one item has failed; why.
+  std::string Refusal(const std::string& path);
   /// Polls and waits until the folder shows what the service has.
   void Refresh(const std::string& folder = "");
   /// Content of the only item of that name in a folder of the service; "(none)", "(twins)".

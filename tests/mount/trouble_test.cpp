@@ -1,8 +1,6 @@
 // The service refuses for long: nothing is lost meanwhile, and status can say why.
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "tests/mount/drive_fixture.h"
 
 namespace host::mount {
@@ -11,20 +9,6 @@ namespace {
 class Trouble : public DriveFixture {
  protected:
   void SetUp() override { Start(); }
-
-  /// Waits until the item's upload has failed; why.
-  std::string Refusal(const std::string& path) {
-    const Inode ino = Find(path);
-    for (;;) {
-      {
-        std::lock_guard lock(drive->state.mutex);
-        const std::optional<JournalRow> row = drive->state.journal.Find(ino);
-        if (!row) return "(it was sent)";
-        if (row->tries > 0) return row->error;
-      }
-      std::this_thread::yield();
-    }
-  }
 };
 
 TEST_F(Trouble, AFullDriveGetsTheFileOnceThereIsRoom) {
