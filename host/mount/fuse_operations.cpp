@@ -14,6 +14,7 @@
 
 #include "host/mount/errno_map.h"
 #include "host/mount/name_map.h"
+#include "host/mount/times.h"
 
 namespace host::mount {
 namespace {
@@ -141,8 +142,7 @@ void SetAttributes(fuse_req_t request, fuse_ino_t ino, struct stat* wanted, int 
       if (const int error = files.Truncate(ino, wanted->st_size)) return error;
     if ((which & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) != 0) {
       const bool now = (which & FUSE_SET_ATTR_MTIME_NOW) != 0;
-      const int64_t given =
-          wanted->st_mtim.tv_sec * int64_t{1'000'000'000} + wanted->st_mtim.tv_nsec;
+      const int64_t given = ToNanoseconds(wanted->st_mtim.tv_sec, wanted->st_mtim.tv_nsec);
       if (const int error = files.SetTime(ino, now ? NowNanoseconds() : given)) return error;
     }
     return ReplyAttributes(request, ino);

@@ -1,7 +1,9 @@
 #include "host/mount/times.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 
 namespace host::mount {
 namespace {
@@ -19,6 +21,11 @@ int64_t Fraction(const char*& at) {
 
 }  // namespace
 
+int64_t ToNanoseconds(int64_t seconds, int64_t nanoseconds) {
+  constexpr int64_t kMost = std::numeric_limits<int64_t>::max() / kSecond - 1;
+  return std::clamp(seconds, -kMost, kMost) * kSecond + nanoseconds;
+}
+
 int64_t FromRfc3339(const std::string& text) {
   std::tm parts{};
   int length = 0;
@@ -35,7 +42,7 @@ int64_t FromRfc3339(const std::string& text) {
   int64_t offset = 0;
   if (std::sscanf(at, "%c%2d:%2d", &sign, &hours, &minutes) == 3)
     offset = (sign == '-' ? -1 : 1) * (hours * 3600 + minutes * 60);
-  return (timegm(&parts) - offset) * kSecond + fraction;
+  return ToNanoseconds(timegm(&parts) - offset, fraction);
 }
 
 std::string ToRfc3339(int64_t nanoseconds) {

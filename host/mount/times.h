@@ -6,7 +6,10 @@
 
 namespace host::mount {
 
-/// Nanoseconds since 1970; 0 when the text is not such a time.
+/// Nanoseconds since 1970; times that they cannot tell become the nearest that they can, of 1677 or
+/// 2262.
+int64_t ToNanoseconds(int64_t seconds, int64_t nanoseconds);
+/// The same of a text; 0 when the text is not such a time.
 int64_t FromRfc3339(const std::string& text);
 /// UTC with milliseconds, the resolution of the service: "2026-01-31T08:15:00.250Z".
 std::string ToRfc3339(int64_t nanoseconds);
