@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <future>
 
+#include "host/mount/mount_point.h"
 #include "host/mount/mount_process.h"
 #include "host/mount/status_socket.h"
 
@@ -48,19 +49,34 @@ void RunningMount::RequireAnswer() const {
 
 namespace {
 
+RunningMount Silent(const ProfilePaths& paths, const std::string& why) {
+  Json::Value status;
+  status["mount"] = ServedBy(paths).folder.string();
+  status["profile"] = paths.name;
+  status["error"] = why;
+  return {paths, std::move(status)};
+}
+
+/// A mount that a killed host has left.
+std::optional<RunningMount> LookForDead(const ProfilePaths& paths) {
+  const fs::path folder = ServedBy(paths).folder;
+  if (folder.empty() || !IsOwnMount(folder) || !IsDead(folder)) return std::nullopt;
+  return Silent(paths,
+                "its host has ended without a word; mount it again, or take it away with "
+                "`vormlane unmount --now DIR`");
+}
+
 /// Also what keeps a mount from answering is an answer: others may.
 std::optional<RunningMount> LookAt(const ProfilePaths& paths) {
   std::optional<Json::Value> status;
   try {
     status = Ask(paths, Request("status"));
-    if (!status) return std::nullopt;
+    if (!status) return LookForDead(paths);
     status->removeMember("done");
   } catch (const Failure& failure) {
     std::error_code ignored;
     if (!fs::exists(SocketOf(paths), ignored)) throw;
-    status.emplace();
-    (*status)["mount"] = ServedBy(paths).folder.string();
-    (*status)["error"] = failure.what();
+    return Silent(paths, failure.what());
   }
   (*status)["profile"] = paths.name;
   return RunningMount{paths, std::move(*status)};
@@ -86,12 +102,14 @@ std::vector<RunningMount> FindMounts(const std::vector<ProfilePaths>& profiles) 
 PlaceInMount FindPlace(const std::vector<RunningMount>& mounts, const fs::path& given) {
   fs::path path = fs::absolute(given).lexically_normal();
   if (!path.has_filename()) path = path.parent_path();
+  for (const fs::path& way : {path, Resolved(path)})
+    for (const RunningMount& mount : mounts) {
+      const fs::path below = way.lexically_relative(mount.Folder());
+      if (!below.empty() && below.begin()->string() != "..") return {mount, below};
+    }
   std::string folders;
-  for (const RunningMount& mount : mounts) {
-    const fs::path below = path.lexically_relative(mount.Folder());
-    if (!below.empty() && below.begin()->string() != "..") return {mount, below};
+  for (const RunningMount& mount : mounts)
     folders += (folders.empty() ? "" : ", ") + mount.Folder().string();
-  }
   throw Failure("\"" + given.string() + "\" is not in a mount; there is " + folders,
                 "name a path there");
 }

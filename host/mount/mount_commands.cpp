@@ -233,6 +233,7 @@ void AddMount(CLI::App& app, Context& context) {
   command->callback([&context, options] {
     options->folder = fs::absolute(options->folder).lexically_normal();
     if (!options->folder.has_filename()) options->folder = options->folder.parent_path();
+    options->folder = mount::Resolved(options->folder);
     mount::RunMount(context, *options);
   });
 }

@@ -12,8 +12,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <sstream>
 
@@ -36,13 +38,6 @@ struct Mounted {
   std::string type;  ///< of the file system
   unsigned device = 0;
 };
-
-/// A path as the system's list has it. The folder itself is not looked at, only what is above.
-fs::path Resolved(const fs::path& folder) {
-  std::error_code error;
-  const fs::path above = fs::canonical(folder.parent_path(), error);
-  return error ? folder : above / folder.filename();
-}
 
 #ifdef __APPLE__
 
@@ -121,6 +116,25 @@ bool Abort(unsigned device) {
 
 }  // namespace
 
+fs::path Resolved(const fs::path& path) {
+  struct Free {
+    void operator()(char* text) const { std::free(text); }
+  };
+  const auto real = [](const fs::path& from) {
+    const std::unique_ptr<char, Free> text(realpath(from.c_str(), nullptr));
+    return fs::path(text ? text.get() : "");
+  };
+  if (fs::path whole = real(path); !whole.empty()) return whole;
+  const fs::path above = real(path.parent_path());
+  return above.empty() ? path : above / path.filename();
+}
+
+bool IsDead(const fs::path& folder) {
+  // The kernel may still remember a dead mount's attributes, but not its room.
+  struct statvfs room {};
+  return statvfs(folder.c_str(), &room) != 0 && errno == ENOTCONN;
+}
+
 bool IsOwnMount(const fs::path& folder) {
   const std::optional<Mounted> mounted = MountedAt(Resolved(folder));
   return mounted && mounted->type == kFileSystem;
@@ -136,9 +150,7 @@ bool TearDown(const fs::path& folder) {
 
 bool PrepareMountPoint(const fs::path& folder) {
   struct stat status {};
-  // The kernel may still remember a dead mount's attributes, but not its room.
-  struct statvfs room {};
-  const bool stale = statvfs(folder.c_str(), &room) != 0 && errno == ENOTCONN;
+  const bool stale = IsDead(folder);
   if (stale) {
     if (!Detach(folder))
       Refuse(folder, "a mount that was left there cannot be taken away",
