@@ -62,6 +62,17 @@ std::string Advice(AERROR code) {
   return known ? known->advice : "run again with --verbose for the details";
 }
 
+std::string Advice(const std::string& said, AERROR code) {
+  if (said == "HTTP 404") return "it may have been removed, look with `vormlane ls`";
+  if (said == "HTTP 401") return "sign in again with `vormlane login`";
+  if (said.rfind("HTTP 403 again", 0) == 0 || said.rfind("HTTP 429 again", 0) == 0)
+    return "the account's rights, space or rate of requests are used up; try again later";
+  if (said.rfind("HTTP 5", 0) == 0) return "the service has a fault, try again later";
+  // libcurl's words and number: the request was never answered.
+  if (!said.empty() && said.back() == ')') return "check the network and try again";
+  return Advice(code);
+}
+
 std::string OneLine(const std::string& text) {
   std::string line = text;
   for (char& c : line) {

@@ -28,6 +28,9 @@ std::string Meaning(AERROR code);
 /// What the user can do about a code; empty when there is nothing particular.
 std::string Advice(AERROR code);
 
+/// The same, given what the plug-in has logged last ("HTTP 404"; may be empty).
+std::string Advice(const std::string& said, AERROR code);
+
 /// The text as one line: control characters become blanks, so that a message stays one line and
 /// a name sent by the service cannot drive the terminal.
 std::string OneLine(const std::string& text);

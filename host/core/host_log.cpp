@@ -75,6 +75,8 @@ void NoteForCaller(LOGLEVEL level, const std::string& line) {
   }
   if (level != kLogError) return;
   lastError = Reason(line);
+  // An answer that has a handler of its own: what became of it is for the log.
+  if (lastError.rfind("ON HTTP", 0) == 0 && !lastStatus.empty()) lastError = "HTTP " + lastStatus;
   // The last line of a request given up on does not say what it was answered.
   if (lastError == "No more backoff" && !lastStatus.empty())
     lastError = "HTTP " + lastStatus + " again and again";

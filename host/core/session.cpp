@@ -27,18 +27,6 @@ std::string Filled(Session& session, const std::string& doing, Operation&& opera
   }
 }
 
-/// What to do about a reason that the module has logged.
-std::string AdviceFor(const std::string& said, AERROR code) {
-  if (said == "HTTP 404") return "it may have been removed, look with `vormlane ls`";
-  if (said == "HTTP 401") return "sign in again with `vormlane login`";
-  if (said.rfind("HTTP 403 again", 0) == 0 || said.rfind("HTTP 429 again", 0) == 0)
-    return "the account's rights, space or rate of requests are used up; try again later";
-  if (said.rfind("HTTP 5", 0) == 0) return "the service has a fault, try again later";
-  // libcurl's words and number: the request was never answered.
-  if (!said.empty() && said.back() == ')') return "check the network and try again";
-  return Advice(code);
-}
-
 }  // namespace
 
 Session::Session(ProfilePaths profilePaths, const std::filesystem::path& module, HostLog& hostLog)
@@ -97,7 +85,7 @@ Failure Session::Failed(const std::string& doing, AERROR code) {
   if (!refusal.empty()) return Failure(doing + ": " + refusal, {}, AERROR::AUTH_FAILED);
   const std::string said = HostLog::TakeLastError();
   const std::string reason = said.empty() ? Meaning(code) : said;
-  return Failure(doing + ": " + reason, AdviceFor(said, code), code);
+  return Failure(doing + ": " + reason, Advice(said, code), code);
 }
 
 }  // namespace host

@@ -1,5 +1,7 @@
 #include "host/mount/remote.h"
 
+#include "host/core/failure.h"
+#include "host/core/host_log.h"
 #include "host/core/sinks.h"
 
 namespace host::mount {
@@ -30,6 +32,7 @@ class Source final : public ICacheIO {
 template <typename Operation>
 AERROR Remote::Call(Operation&& operation) {
   ++traffic.requests;
+  HostLog::TakeLastError();
   char* message = nullptr;
   const AERROR code = operation(&message);
   successes += code == AERROR::SUCCESS;
@@ -93,6 +96,21 @@ AERROR Remote::Delete(RemoteItem item) {
 AERROR Remote::SetModified(const std::string& id, const std::string& time, RemoteItem& item) {
   Expect(item);
   return Call([&](char** m) { return drive.SetFileTime(id.c_str(), "", "", time, &item, m); });
+}
+
+std::string Remote::Why(AERROR code) {
+  const std::string said = HostLog::TakeLastError();
+  return said.empty() ? Meaning(code) : Failure(said, Advice(said, code)).what();
+}
+
+std::string Remote::Account() {
+  char text[1024];
+  int length = sizeof text - 1;
+  if (drive.GetUserInfo(text, &length) != AERROR::SUCCESS) return "";
+  const std::string user(text, static_cast<size_t>(length));  // "Name(address)"
+  const size_t begin = user.rfind('(');
+  const size_t end = user.rfind(')');
+  return begin < end && end != std::string::npos ? user.substr(begin + 1, end - begin - 1) : "";
 }
 
 AERROR Remote::Quota(uint64_t& total, uint64_t& used) {

@@ -44,9 +44,14 @@ class Remote {
   AERROR Move(const std::string& from, const std::string& to, RemoteItem item);
   AERROR Delete(RemoteItem item);
   AERROR SetModified(const std::string& id, const std::string& time, RemoteItem& item);
+  /// The mail address of the account; empty when it is not known.
+  std::string Account();
   AERROR Quota(uint64_t& total, uint64_t& used);
   /// Whether the service could be asked is not told.
   void Changes(IFileChanges& sink);
+
+  /// Why the operation failed that this thread has just called, in words for the user.
+  static std::string Why(AERROR code);
 
   /// Clears what a read-back fills in, so that Confirmed can tell whether there was one.
   static void Expect(RemoteItem& item) { item.time3.clear(); }

@@ -193,7 +193,7 @@ Verdict Settler::SendOver(const Work& work, Sending& sending) {
   const int64_t size = record.size = content->Size();
   const AERROR code = Upload(work, content, writes, work.item.remoteParent, sending, record);
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record))
-    return Lost(work, "not uploaded: " + Meaning(code));
+    return Lost(work, "not uploaded: " + Remote::Why(code));
   NoteSent(work, record, record.size == size ? work.row.generation : -1);
   sending.confirmed = true;
   return {.kind = Verdict::kProgress};

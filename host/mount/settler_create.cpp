@@ -47,7 +47,7 @@ Verdict Settler::CreateFolder(const Work& work) {
   record.name = NameToSend(work.item);
   const AERROR code = remote.MakeFolder(work.parent.id, record);
   if (code != AERROR::SUCCESS || record.id.empty())
-    return Lost(work, "the folder was not made: " + Meaning(code));
+    return Lost(work, "the folder was not made: " + Remote::Why(code));
   Adopt(work, record, work.parent.id, work.row.generation);
   return {.kind = Verdict::kProgress};
 }
@@ -62,7 +62,7 @@ Verdict Settler::CreateFile(const Work& work, Sending& sending) {
   const int64_t size = record.size = content->Size();
   const AERROR code = Upload(work, content, writes, work.parent.id, sending, record);
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record))
-    return Lost(work, "not uploaded: " + Meaning(code));
+    return Lost(work, "not uploaded: " + Remote::Why(code));
   Adopt(work, record, work.parent.id, record.size == size ? work.row.generation : -1);
   sending.confirmed = true;
   return {.kind = Verdict::kProgress};
@@ -97,7 +97,8 @@ Verdict Settler::LookForLostCreate(const Work& work) {
     // What was made in a folder that is gone is gone with it.
     const std::optional<bool> stands = Stands(work.row.attemptParent);
     if (!stands || *stands)
-      return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
+      return {.kind = Verdict::kFailed,
+              .error = "its folder cannot be listed: " + Remote::Why(code)};
   }
   for (const RemoteItem& record : listed) {
     if (record.name != work.row.attemptName ||

@@ -144,8 +144,8 @@ Verdict Settler::Relocate(const Work& work) {
     const std::optional<bool> exists = Exists(work);
     if (exists && !*exists) return Vanished(work);
   }
-  return FollowMove(work,
-                    {.kind = Verdict::kFailed, .error = "not renamed or moved: " + Meaning(code)});
+  return FollowMove(
+      work, {.kind = Verdict::kFailed, .error = "not renamed or moved: " + Remote::Why(code)});
 }
 
 /// Notes where the item is to go: when the answer is lost and a program has moved it on, or back,
@@ -298,7 +298,7 @@ Verdict Settler::SetTimes(const Work& work, const Sending& sending) {
   if (code != AERROR::SUCCESS || !Remote::Confirmed(record)) {
     const std::optional<bool> exists = Exists(work);
     if (exists && !*exists) return Vanished(work);
-    return {.kind = Verdict::kFailed, .error = "its time was not set: " + Meaning(code)};
+    return {.kind = Verdict::kFailed, .error = "its time was not set: " + Remote::Why(code)};
   }
   std::lock_guard lock(state.mutex);
   std::optional<Item> item = state.items.Find(work.item.ino);
@@ -397,7 +397,7 @@ Verdict Settler::DeleteFolder(const Work& work) {
     Done(work);
     return {};
   }
-  return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Meaning(code)};
+  return {.kind = Verdict::kFailed, .error = "its folder cannot be listed: " + Remote::Why(code)};
 }
 
 /// `record`: what the service says of it. What stands in several folders is only taken out of the
@@ -412,7 +412,7 @@ Verdict Settler::DeleteAtService(const Work& work, RemoteItem record) {
   if (code != AERROR::SUCCESS) {
     const std::optional<bool> exists = Exists(work);
     if (!exists || *exists)
-      return {.kind = Verdict::kFailed, .error = "not deleted: " + Meaning(code)};
+      return {.kind = Verdict::kFailed, .error = "not deleted: " + Remote::Why(code)};
   }
   Done(work);
   return {};

@@ -162,6 +162,9 @@ TEST(Log, TellsTheCallerWhyItsOperationFailed) {
   Say(log, kLogInformation, "[PROTOCOL  ] Read >> https GET >> 403 : https://x/y(12) - 5ms");
   Say(log, kLogError, "[PROTOCOL  ] Read >> No more backoff");
   EXPECT_THAT(HostLog::TakeLastError(), HasSubstr("HTTP 403"));
+  Say(log, kLogInformation, "[PROTOCOL  ] List >> https GET >> 401 : https://x/y(12) - 5ms");
+  Say(log, kLogError, "[PROTOCOL  ] List >> ON HTTP 401 : AERROR::FAILED(0x00000001)");
+  EXPECT_EQ(HostLog::TakeLastError(), "HTTP 401");
 }
 
 TEST(Log, NeverHoldsATokenAndTakesLinesOfAnyLength) {
