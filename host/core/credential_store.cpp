@@ -124,6 +124,7 @@ Credential CredentialStore::Current() {
     }
   }
   handedOut = stored->accessToken;
+  refusal.clear();
   return *stored;
 }
 
@@ -133,6 +134,16 @@ Credential CredentialStore::RenewLocked(const Credential& old) {
   return renewed;
 }
 
+bool CredentialStore::StoredAnew() const {
+  std::lock_guard lock(mutex);
+  try {
+    const std::optional<Credential> stored = Load();
+    return stored && stored->accessToken != handedOut;
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
 const char* CredentialStore::Renew(IProtocol_V2*, const char*) {
   std::lock_guard lock(mutex);
   try {
@@ -140,11 +151,12 @@ const char* CredentialStore::Renew(IProtocol_V2*, const char*) {
     Credential stored = Load().value_or(Credential());
     const bool newer = stored.accessToken != handedOut && !Expired(stored);
     if (stored.accessToken.empty()) {
-      refusal = "no account is signed in to this profile";
+      refusal = Failure("no account is signed in to this profile", kSignIn).what();
       return nullptr;
     }
     if (!newer && stored.refreshToken.empty()) {
-      refusal = "the access has expired and the credential cannot be renewed";
+      refusal =
+          Failure("the access has expired and the credential cannot be renewed", kSignIn).what();
       return nullptr;
     }
     if (!newer) stored = RenewLocked(stored);

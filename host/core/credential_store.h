@@ -53,6 +53,10 @@ class CredentialStore final : public IProtocolAuth {
   /// none or when it has expired and cannot be renewed.
   Credential Current();
 
+  /// Whether somebody has signed in, or renewed the credential, since Current or Renew handed it
+  /// out.
+  bool StoredAnew() const;
+
   // IProtocolAuth. Renew returns the newer token when another host has already stored one.
   const char* Renew(IProtocol_V2* protocol, const char* credential) override;
   void Free(const char* credential) override;

@@ -19,6 +19,20 @@ constexpr Milliseconds kReconnect{5000};
 constexpr std::chrono::seconds kQuotaAge{60};
 constexpr std::chrono::seconds kProbeAge{60};
 
+/// Whose drive the tables are about.
+constexpr char kAccountKey[] = "account";
+
+[[noreturn]] void ThrowOwed(const std::string& account, int64_t changes) {
+  const std::string left = std::to_string(changes) + (changes == 1 ? " change" : " changes");
+  if (account.empty())
+    throw Failure("cannot mount: the drive's top folder is another one now, and " + left +
+                      " for the old one are not uploaded",
+                  "set show_shared and use_team_drive back and run `vormlane drain` first");
+  throw Failure("cannot mount: another account is signed in now, and " + left + " for " + account +
+                    " are not uploaded",
+                "sign in as that one and run `vormlane drain` first, or use another --profile");
+}
+
 /// What a full disk refuses now is not needed at once, and must not keep the rest from being done:
 /// some of it makes room.
 template <typename Step>
@@ -75,26 +89,40 @@ Drive::Drive(IProtocol_V2& protocol, ChangeRelay& changes, const std::filesystem
 Drive::~Drive() { Stop(); }
 
 void Drive::TakeRoot(const std::string& rootId) {
+  const std::string account = rootId.empty() ? "" : remote.Account();
   std::lock_guard lock(state.mutex);
+  const std::string known = state.Value(kAccountKey);
+  const bool another = !account.empty() && !known.empty() && account != known;
   std::optional<Item> root = state.items.Find(kRootInode);
-  if (root && (rootId.empty() || root->id == rootId)) return;
+  const bool same = root && (rootId.empty() || (root->id == rootId && !another));
   if (!root && rootId.empty()) throw NeverReached();
-  if (root && state.journal.Count() > 0)
-    throw Failure("cannot mount: the drive's top folder is another one now, and " +
-                      std::to_string(state.journal.Count()) +
-                      " changes for the old one are not uploaded",
-                  "set show_shared and use_team_drive back and run `vormlane drain` first");
+  if (root && !same && state.journal.Count() > 0)
+    ThrowOwed(another ? known : "", state.journal.Count());
   state.Change([&] {
-    if (root)
-      state.database.Run(
-          "DELETE FROM mount_items; DELETE FROM mount_pins;"
-          "DELETE FROM sqlite_sequence WHERE name = 'mount_items'");
-    Item item;
-    item.attributes = kFsFolder | (rootId == "virtual_root" ? kFsSynthesised : 0u);
-    item.id = rootId;
-    item.mtime = NowNanoseconds();
-    state.items.Insert(item);
+    if (!account.empty()) state.SetValue(kAccountKey, account);
+    if (!same) BeginAnewLocked(rootId, root.has_value());
   });
+}
+
+void Drive::BeginAnewLocked(const std::string& rootId, bool known) {
+  if (known) {
+    state.database.Run(
+        "DELETE FROM mount_items; DELETE FROM mount_pins;"
+        "DELETE FROM sqlite_sequence WHERE name = 'mount_items'");
+    for (const int64_t content : state.contents.Orphans()) store.Remove(content);
+  }
+  Item item;
+  item.attributes = kFsFolder | (rootId == "virtual_root" ? kFsSynthesised : 0u);
+  item.id = rootId;
+  item.mtime = NowNanoseconds();
+  state.items.Insert(item);
+}
+
+bool Drive::IsOwnAccount() {
+  const std::string account = remote.Account();
+  std::lock_guard lock(state.mutex);
+  const std::string known = state.Value(kAccountKey);
+  return account.empty() || known.empty() || account == known;
 }
 
 void Drive::Start(std::function<bool()> connect) {
@@ -153,10 +181,9 @@ bool Drive::Connected() {
 void Drive::Follow(std::function<bool()> connect) {
   std::unique_lock lock(mutex);
   while (!stopping) {
-    const bool known = connected;
     const bool missed = !connected || !reachable;
     lock.unlock();
-    const bool joined = known || connect();
+    const bool joined = !connect || connect();
     const Clock::time_point begun = Clock::now();
     if (joined) Poll();
     const bool reached = joined && IsReached();

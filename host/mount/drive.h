@@ -53,8 +53,8 @@ class Drive final : private Observer {
         const std::filesystem::path& contents, const std::string& rootId, Settings settings);
   ~Drive();
 
-  /// Begins to follow the service and to send what is owed. `connect` is called in the background,
-  /// again and again until it returns true: until then the plug-in has no account to work with.
+  /// Begins to follow the service and to send what is owed. `connect` is called in the background
+  /// before each poll: false when the plug-in has no account to work with yet.
   void Start(std::function<bool()> connect = nullptr);
   /// Ends all requests. What is owed stays in the journal.
   void Stop();
@@ -70,6 +70,8 @@ class Drive final : private Observer {
     uint64_t total = 0, used = 0;  ///< bytes; 0: never known
   };
   Quota RememberedQuota();
+  /// False when the plug-in has come to work with another account than the one that is shown.
+  bool IsOwnAccount();
   /// False while the service does not answer.
   bool Connected();
 
@@ -96,6 +98,7 @@ class Drive final : private Observer {
 
   void Changed(const Notices& notices) override;
   void TakeRoot(const std::string& rootId);
+  void BeginAnewLocked(const std::string& rootId, bool known);
   void Follow(std::function<bool()> connect);
   bool IsReached();
   std::string IdToAskFor();

@@ -40,7 +40,7 @@ class ProfileLock {
     descriptor = Descriptor(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (descriptor.Get() < 0)
       throw Failure("cannot open " + file.string() + ": " + std::strerror(errno),
-                    "check who owns it");
+                    "check that you may write there");
     if (flock(descriptor.Get(), LOCK_EX | LOCK_NB) != 0)
       throw Failure("the profile \"" + paths.name + "\" is mounted already, at " +
                         ServedBy(paths).folder.string(),
@@ -201,15 +201,25 @@ void Serve(Context& context, const MountOptions& options, Starter& starter) {
   Drive& drive = *opened;
   const InterruptWatch interrupts;  // from here on, ending leaves no dead mount
   FuseMount mounted(drive, options.folder);
-  MountService service(drive, options.folder, [&] { mounted.End(); });
+  MountService service(drive, options.folder,
+                       {[&] { mounted.End(); }, [&] { return session.Credentials().Refusal(); }});
   const auto handle = [&](const Json::Value& request, const StatusServer::Send& send) {
     service.Handle(request, send);
   };
   const StatusServer server(SocketOf(paths), handle);
   const CursorWatch watch(session.Profile(), drive.folders);
-  drive.Start([&, connected = !reason]() mutable {
-    connected = connected || !TryConnect(session);
-    if (connected && options.push) StartPush(session, relay);
+  drive.Start([&, connected = !reason, first = true]() mutable {
+    // Who had to sign in again has done so.
+    if (!connected || session.Credentials().StoredAnew()) {
+      connected = !TryConnect(session);
+      if (connected && !drive.IsOwnAccount()) {
+        session.Log().Error("another account was signed in: the mount ends");
+        mounted.End();
+      } else if (connected) {
+        drive.queue.Hurry();
+      }
+    }
+    if (connected && options.push && std::exchange(first, false)) StartPush(session, relay);
     return connected;
   });
   starter.Ready();

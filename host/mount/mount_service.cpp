@@ -55,14 +55,15 @@ Json::Value MountService::Progress() {
   Json::Value progress;
   progress["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
   progress["uploads"] = Transfers(true);
+  std::string trouble = host.refusal();
   std::lock_guard lock(drive.state.mutex);
   progress["pendingBytes"] = static_cast<Json::Int64>(drive.state.journal.BytesToSend());
   for (const JournalRow& row : drive.state.journal.All()) {
-    if (row.error.empty()) continue;
+    if (row.error.empty() || !trouble.empty()) continue;
     const std::optional<Item> item = drive.state.items.Find(row.ino);
-    progress["trouble"] = "\"" + (item ? item->name : "") + "\": " + row.error;
-    break;
+    trouble = "\"" + (item ? item->name : "") + "\": " + row.error;
   }
+  progress["trouble"] = trouble;
   return progress;
 }
 
@@ -97,7 +98,7 @@ void MountService::Unmount(bool now, const StatusServer::Send& send) {
   Json::Value answer = Done();
   answer["pending"] = static_cast<Json::Int64>(drive.queue.Pending());
   send(answer);
-  end();
+  host.unmount();
 }
 
 Json::Value MountService::Pin(const std::string& path, bool pinned) {
@@ -159,6 +160,7 @@ Json::Value MountService::Status() {
   Json::Value status;
   status["mount"] = folder.string();
   status["connected"] = drive.Connected();
+  if (const std::string refusal = host.refusal(); !refusal.empty()) status["account"] = refusal;
   status["readOnly"] = drive.settings.readOnly;
   status["openFiles"] = drive.files.OpenCount();
   status["requests"] = static_cast<Json::Int64>(drive.remote.Counted().requests);

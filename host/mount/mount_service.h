@@ -13,9 +13,15 @@ namespace host::mount {
 
 class MountService {
  public:
-  /// `end` unmounts; called from a client's thread.
-  MountService(Drive& itsDrive, std::filesystem::path mountedAt, std::function<void()> unmount)
-      : drive(itsDrive), folder(std::move(mountedAt)), end(std::move(unmount)) {}
+  /// What the mount does not know by itself; called from clients' threads.
+  struct Host {
+    std::function<void()> unmount;
+    /// Why the account's access is not renewed; empty when nothing is wrong with it.
+    std::function<std::string()> refusal;
+  };
+
+  MountService(Drive& itsDrive, std::filesystem::path mountedAt, Host itsHost)
+      : drive(itsDrive), folder(std::move(mountedAt)), host(std::move(itsHost)) {}
 
   void Handle(const Json::Value& request, const StatusServer::Send& send);
   /// {"mount", "connected", "pending", "transfers", "cache", "waiting", "events", ...}
@@ -32,7 +38,7 @@ class MountService {
 
   Drive& drive;
   const std::filesystem::path folder;
-  const std::function<void()> end;
+  const Host host;
 };
 
 }  // namespace host::mount

@@ -48,6 +48,8 @@ std::string StatusText(const Json::Value& status, const Paint& paint) {
   const Json::Value& cache = status["cache"];
   std::string text = paint.Bold(status["mount"].asString()) +
                      (status["connected"].asBool() ? "" : paint.Yellow("  (offline)")) + "\n";
+  if (status.isMember("account"))
+    text += "  account        " + paint.Yellow(Printable(status["account"].asString())) + "\n";
   text += "  to send        " + Changes(status["pending"].asInt64()) + ", " +
           HumanBytes(cache["pendingBytes"].asInt64()) + "\n";
   text += "  cache          " + HumanBytes(cache["bytes"].asInt64()) + " of " +

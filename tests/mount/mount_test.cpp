@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -208,6 +209,44 @@ TEST_F(Mount, UnmountingWaitsOrSaysWhatIsLeft) {
   Begin();
   ASSERT_TRUE(program.Unmount());
   EXPECT_EQ(service.Content(*service.Find("later.txt")), "later");
+}
+
+TEST_F(Mount, GoesOnWithANewSignInOfTheSameAccountOnly) {
+  Begin({"--poll", "0.05", "--no-push", "--upload-delay", "0.01"});
+  ASSERT_THAT(Names(program.Root()), ElementsAre());
+  service.RevokeTokens();
+  ASSERT_TRUE(Spill(At("owed.txt"), "owed"));
+  const auto says = [&](const std::string& text) {
+    std::string output;
+    program.Run({"status"}, &output);
+    return output.find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(Soon([&] { return says("sign in with `vormlane login`"); }));
+  program.SignIn(service.AccessToken());
+  EXPECT_TRUE(program.Drain());
+  EXPECT_EQ(service.Content(*service.Find("owed.txt")), "owed");
+  service.AddUser("other@example.com", "Other");
+  program.SignIn(service.AccessToken("other@example.com"));
+  EXPECT_TRUE(Soon([&] { return says("not mounted"); }));
+}
+
+TEST_F(Mount, IsFoundAndTakenAwayThroughALinkOnceItsHostIsKilled) {
+  const fs::path link = program.Folder().parent_path() / "link";
+  fs::create_directory_symlink(program.Folder(), link);
+  ASSERT_EQ(program.Run({"mount", link.string()}), 0);
+  pid_t host = 0;
+  ASSERT_TRUE(std::ifstream(program.Data() / "mount.lock") >> host);
+  ASSERT_EQ(kill(host, SIGKILL), 0);
+  EXPECT_TRUE(Soon([&] {
+    std::string output;
+    return program.Run({"status"}, &output) == 1 &&
+           output.find(program.Folder().string() + "\n  its host has ended") != std::string::npos;
+  }));
+  EXPECT_NE(program.Run({"drain"}), 0);
+  std::string output;
+  EXPECT_EQ(program.Run({"mount", link.string()}, &output), 0);
+  EXPECT_THAT(output, HasSubstr("was taken away"));
+  EXPECT_EQ(program.Run({"unmount", link.string()}), 0);
 }
 
 TEST_F(Mount, PinsForLater) {

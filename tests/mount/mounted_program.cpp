@@ -50,13 +50,17 @@ MountedProgram::MountedProgram(const std::map<std::string, std::string>& setting
   fs::create_directory(folder);
   ProfilePaths paths;
   paths.name = "default";
-  paths.config = directory.Path() / "config/vormlane/default";
   paths.data = Data();
   ProfileStore profile(paths);
   for (const auto& [key, value] : settings) profile.SetValue(profile.Id(), key, value);
+  SignIn(accessToken);
+}
+
+void MountedProgram::SignIn(const std::string& accessToken) const {
   Credential credential;
   credential.accessToken = accessToken;
-  CredentialStore(paths.Credential(), nullptr).Save(credential);
+  CredentialStore(directory.Path() / "config/vormlane/default/credential.json", nullptr)
+      .Save(credential);
 }
 
 MountedProgram::~MountedProgram() {

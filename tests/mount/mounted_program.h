@@ -45,6 +45,9 @@ class MountedProgram {
   int Run(const std::vector<std::string>& arguments, std::string* output = nullptr) const;
   bool Drain() const { return Run({"drain"}) == 0; }
 
+  /// Stores a new access token, as `vormlane login` does.
+  void SignIn(const std::string& accessToken) const;
+
   /// Copies what the host keeps, for whoever has to find out why.
   void Keep(const std::filesystem::path& place) const;
 

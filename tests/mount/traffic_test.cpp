@@ -35,7 +35,7 @@ TEST_F(Traffic, IsToldOfEachFileWithProgressAndRate) {
     transfers = drive->traffic.Transfers();
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  MountService mount(*drive, "/drive", nullptr);
+  MountService mount(*drive, "/drive", {nullptr, [] { return ""; }});
   const std::string status = StatusText(mount.Status(), Paint(-1));
   service.SetBandwidth(0);
   reader.join();
