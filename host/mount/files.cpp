@@ -385,8 +385,12 @@ void Files::RetryRefused() {
 }
 
 void Files::Overlay(Item& item) {
+  if (item.IsFolder()) return;
+  // A commit holds this mutex while it hands what was written over to the tables. The item may have
+  // been read before.
+  std::lock_guard held(state.mutex);
   const NodePtr node = Find(item.ino);
-  if (!node || !node->changed) return;
+  if (!node || !node->changed) return state.items.ReadSize(item);
   item.size = node->size;
   item.mtime = node->mtime;
 }

@@ -89,7 +89,7 @@ class Files {
   /// Tries again to keep what was left in files whose last close failed for want of room.
   void RetryRefused();
 
-  /// Size and time as programs must see them while the file is being written.
+  /// Size and time as programs must see them now, also while the file is being written.
   void Overlay(Item& item);
   /// The service has another version of the item.
   void Outdated(Inode ino);

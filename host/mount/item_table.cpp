@@ -72,6 +72,7 @@ std::optional<Item> One(Statement& statement) {
 ItemTable::ItemTable(Database& owner)
     : database(owner),
       find(owner.Prepare(Select("WHERE ino = ?1"))),
+      size(owner.Prepare("SELECT size, mtime FROM mount_items WHERE ino = ?1")),
       findChild(owner.Prepare(Select("WHERE parent = ?1 AND name = ?2 AND deleted = 0"))),
       withId(owner.Prepare(Select("WHERE id = ?1 AND id <> ''"))),
       children(owner.Prepare(Select("WHERE parent = ?1 AND deleted = 0 ORDER BY ino"))),
@@ -106,6 +107,14 @@ std::vector<Item> ItemTable::All(Statement& statement) {
 
 std::optional<Item> ItemTable::Find(Inode ino) {
   return One(find.Bind(1, static_cast<int64_t>(ino)));
+}
+
+void ItemTable::ReadSize(Item& item) {
+  if (size.Bind(1, static_cast<int64_t>(item.ino)).Step()) {
+    item.size = size.Integer(0);
+    item.mtime = size.Integer(1);
+  }
+  size.Reset();
 }
 
 std::optional<Item> ItemTable::FindChild(Inode parent, const std::string& name) {

@@ -16,6 +16,8 @@ class ItemTable {
   explicit ItemTable(Database& database);
 
   std::optional<Item> Find(Inode ino);
+  /// Reads size and modification time again; leaves them alone when the item is gone.
+  void ReadSize(Item& item);
   /// The item that a folder shows under a name; deleted ones are not found.
   std::optional<Item> FindChild(Inode parent, const std::string& name);
   /// All entries with a Drive id, deleted ones included.
@@ -42,8 +44,8 @@ class ItemTable {
   std::vector<Item> All(Statement& statement);
 
   Database& database;
-  Statement find, findChild, withId, children, childrenAll, childFolders, heldIn, countChildren,
-      count, insert, update, erase, markStale, settled;
+  Statement find, size, findChild, withId, children, childrenAll, childFolders, heldIn,
+      countChildren, count, insert, update, erase, markStale, settled;
 };
 
 /// The steps that make the mount's tables; see Database::Migrate.

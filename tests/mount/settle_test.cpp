@@ -382,6 +382,35 @@ TEST_F(Settle, DeletesAFolderAfterWhatMayHaveComeIntoIt) {
   EXPECT_THAT(Names(), ElementsAre("back.txt"));
 }
 
+// Listings show it where this host has put it, and no longer where it was: nobody else's doing.
+TEST_F(Settle, TakesItsOwnMoveWithoutAnAnswerForNobodyElses) {
+  for (const char* const folder : {"from", "to", "on"}) ASSERT_EQ(MakeFolder(folder), 0);
+  for (const char* const name : {"from/a.txt", "from/b.txt", "from/c.txt"})
+    ASSERT_EQ(Write(name, "old"), 0);
+  Drain();
+  Hesitate();
+  ASSERT_EQ(Rename("from/a.txt", "to/a.txt"), 0);
+  ASSERT_EQ(Rename("from/b.txt", "to/b.txt"), 0);
+  ASSERT_EQ(Rename("from/c.txt", "to/c.txt"), 0);
+  Fault("drive.files.update", "applied-not-answered", 1000);
+  Fault("drive.files.get", "reset-before", 1000);
+  for (const char* const name : {"to/a.txt", "to/b.txt", "to/c.txt"})
+    ASSERT_NE(Refusal(name), "(it was sent)");
+  RestoreNetwork();
+  ASSERT_THAT(NamesAtService("to"), ElementsAre("a.txt", "b.txt", "c.txt"));
+  ASSERT_EQ(Rename("to/a.txt", "from/a.txt"), 0);
+  ASSERT_EQ(Rename("to/b.txt", "on/b.txt"), 0);
+  ASSERT_EQ(Write("to/c.txt", "new"), 0);
+  for (const char* const folder : {"to", "from", "on"}) Refresh(folder);
+  Drain();
+  for (const auto& [folder, name] :
+       {std::pair{"from", "a.txt"}, {"on", "b.txt"}, {"to", "c.txt"}}) {
+    EXPECT_THAT(NamesAtService(folder), ElementsAre(name));
+    EXPECT_THAT(Names(folder), ElementsAre(name));
+  }
+  EXPECT_EQ(AtService("to/c.txt"), "new");
+}
+
 TEST_F(Settle, ReplacesAFileWhoseCreationWasNotAnswered) {
   Hesitate();
   Fault("drive.upload.content", "applied-not-answered", 100);
@@ -410,6 +439,15 @@ TEST_F(Settle, UploadsAgainWhenTheFileChangesMeanwhile) {
   Drain();
   EXPECT_TRUE(AtService("big") == after);
   EXPECT_THAT(NamesAtService(), ElementsAre("big"));
+}
+
+TEST_F(Settle, ShowsTheSizeOfACommitThatCameMeanwhile) {
+  ASSERT_EQ(Write("a.txt", "one"), 0);
+  Item item;
+  ASSERT_EQ(drive->tree.Get(Find("a.txt"), item), 0);
+  ASSERT_EQ(Write("a.txt", "longer"), 0);
+  drive->files.Overlay(item);
+  EXPECT_EQ(item.size, 6);
 }
 
 TEST_F(Settle, AnOpenFileOutlivesItsName) {
