@@ -41,6 +41,7 @@ struct Thing {
   std::string committed;  ///< what close or fsync returned for
   bool everCommitted = true;
   int over = kNobody;  ///< whom it was renamed over here
+  View made;           ///< a folder, as it was made here in this round
 
   bool IsMovedHere() const { return base && here && !here->IsAt(*base); }
   bool IsTouchedHere() const { return base && (!here || here->written || !here->IsAt(*base)); }
@@ -169,6 +170,7 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
 
   /// The path that a thing must have at the service; empty where both sides had a say.
   std::string PathOf(int index);
+  bool MayBeTakenForOurs(const Thing& thing);
   void CompareWithService();
   std::string Describe(const std::string& content);
   void WalkService(const std::string& folder, const std::string& path,

@@ -34,6 +34,7 @@ std::string Model::PathOf(int index) {
     const Thing& thing = At(i);
     if (thing.IsTouchedHere() && thing.IsTouchedThere()) return "";
     if (thing.base && (!thing.here || !thing.there)) return "";
+    if (MayBeTakenForOurs(thing)) return "";
     // It may have got the Drive id, and with it the history, of what it replaced.
     if (thing.over != kNobody && offline) return "";
     const View& view = !thing.there || thing.IsTouchedHere() ? *thing.here : *thing.there;
@@ -41,6 +42,14 @@ std::string Model::PathOf(int index) {
     i = view.parent;
   }
   return path;
+}
+
+/// A folder is all that can be known of a lost answer to the making of one.
+bool Model::MayBeTakenForOurs(const Thing& thing) {
+  return thing.folder && !thing.base && thing.there &&
+         std::any_of(things.begin(), things.end(), [&](const Thing& other) {
+           return other.folder && !other.base && other.here && other.made.IsAt(*thing.there);
+         });
 }
 
 void Model::CompareWithService() {

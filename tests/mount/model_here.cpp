@@ -117,7 +117,7 @@ void Model::MakeFolderHere() {
   thing.folder = true;
   thing.ino = item.ino;
   thing.shown = name;
-  thing.here = View{folder, name, "", false};
+  thing.here = thing.made = View{folder, name, "", false};
   Note("mkdir " + std::to_string(things.size()) + " " + name + " in " + std::to_string(folder));
   things.push_back(thing);
 }
