@@ -44,7 +44,9 @@ struct Thing {
   View made;           ///< a folder, as it was made here in this round
 
   bool IsMovedHere() const { return base && here && !here->IsAt(*base); }
-  bool IsTouchedHere() const { return base && (!here || here->written || !here->IsAt(*base)); }
+  bool IsTouchedHere() const {
+    return base && (!here || here->written || !here->IsAt(*base) || over != kNobody);
+  }
   bool IsTouchedThere() const { return base && (!there || there->written || !there->IsAt(*base)); }
 };
 
