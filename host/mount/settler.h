@@ -118,7 +118,6 @@ class Settler {
   std::optional<bool> IsListed(const std::string& folder, const std::string& id, int depth = 0);
   std::optional<bool> Stands(const std::string& id, int depth = 0);
   bool WasSeenStanding(const std::string& id);
-  bool HasMoved(const std::string& id, const std::string& from);
   std::optional<bool> NothingWhileAway();
   std::optional<Verdict> PrepareMove(const Work& work, bool moves);
   Verdict LookForLostMove(const Work& work);

@@ -68,9 +68,14 @@ std::optional<bool> Settler::Stands(const std::string& id, int depth) {
     above = record.parents[0];
   }
   std::optional<bool> stands = IsListed(above, id, depth + 1);
-  if (stands && !*stands && aboveIno != 0) {
-    folders.RefreshNow(aboveIno);
-    if (HasMoved(id, above)) return Stands(id, depth + 1);
+  if (stands && !*stands) {
+    if (aboveIno != 0) folders.RefreshNow(aboveIno);
+    // Moved meanwhile: by somebody, or by this host, which may still wait for the answer.
+    if (remote.Info(id, record) != AERROR::SUCCESS) return NothingWhileAway();
+    if (!record.parents.empty() && !HasParent(record, above)) {
+      above = record.parents[0];
+      stands = IsListed(above, id, depth + 1);
+    }
   }
   if (stands && *stands) stands = Stands(above, depth + 1);
   std::lock_guard lock(state.mutex);
@@ -85,13 +90,6 @@ bool Settler::WasSeenStanding(const std::string& id) {
   const int64_t age = NowNanoseconds() - at->second;
   // The clock may have been set back.
   return age >= 0 && age < std::chrono::nanoseconds(settings.standingAge).count();
-}
-
-bool Settler::HasMoved(const std::string& id, const std::string& from) {
-  std::lock_guard lock(state.mutex);
-  const std::vector<Item> known = state.items.WithId(id);
-  // One that nobody here works with is forgotten by the listing; the service tells where it is.
-  return known.empty() || known[0].remoteParent != from;
 }
 
 /// A no, when the service answers at all.
