@@ -231,11 +231,12 @@ int FolderCache::ListAndMerge(Inode folder) {
     std::lock_guard lock(state.mutex);
     missing = merge.Missing(folder, listed);
   }
-  const Records elsewhere = WhereMoved(merge, missing);
+  const std::optional<Records> elsewhere = WhereMoved(merge, missing);
+  if (!elsewhere) return EIO;
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
-    notices = merge.Apply(folder, listed, elsewhere);
+    notices = merge.Apply(folder, listed, *elsewhere);
   }
   Tell(notices);
   return 0;
@@ -243,8 +244,8 @@ int FolderCache::ListAndMerge(Inode folder) {
 
 /// What the service says of those in or below `tops` that are in another folder now: of those with
 /// work of programs, and of the folders that these went to. What is below one of them is there
-/// with it.
-Records FolderCache::WhereMoved(ListingMerge& merge, const std::set<Inode>& tops) {
+/// with it. Nothing when it cannot be asked now.
+std::optional<Records> FolderCache::WhereMoved(ListingMerge& merge, const std::set<Inode>& tops) {
   std::vector<Suspect> suspects;
   {
     std::lock_guard lock(state.mutex);
@@ -260,10 +261,11 @@ Records FolderCache::WhereMoved(ListingMerge& merge, const std::set<Inode>& tops
       continue;
     }
     RemoteItem record;
-    if (remote.Info(suspect.id, record) != AERROR::SUCCESS || record.parents.empty() ||
-        std::find(record.parents.begin(), record.parents.end(), suspect.knownIn) !=
-            record.parents.end())
+    if (remote.Info(suspect.id, record) != AERROR::SUCCESS) {
+      if (!ServiceAnswers()) return std::nullopt;
       continue;
+    }
+    if (record.parents.empty() || HasParent(record, suspect.knownIn)) continue;
     MakeKnown(record.parents[0]);
     away.insert(suspect.id);
     elsewhere.emplace(suspect.id, record);
@@ -301,6 +303,19 @@ bool FolderCache::MakeKnown(const std::string& folderId, int depth) {
   return true;
 }
 
+bool FolderCache::ServiceAnswers() {
+  std::string top;
+  {
+    std::lock_guard lock(state.mutex);
+    if (const std::optional<Item> root = state.items.Find(kRootInode); !root->IsMadeUp())
+      top = root->id;
+    for (const Item& item : state.items.Children(kRootInode))
+      if (top.empty() && !item.IsMadeUp()) top = item.id;
+  }
+  RemoteItem record;
+  return remote.Info(top, record) == AERROR::SUCCESS;
+}
+
 void FolderCache::TakeAway(const Item& item) {
   int64_t begun = 0;
   {
@@ -308,13 +323,14 @@ void FolderCache::TakeAway(const Item& item) {
     begun = state.Stamp();
   }
   ListingMerge merge(state, store, settings, begun);
-  Records elsewhere = WhereMoved(merge, {item.ino});
-  elsewhere.erase(item.id);
+  std::optional<Records> elsewhere = WhereMoved(merge, {item.ino});
+  if (!elsewhere) return;
+  elsewhere->erase(item.id);
   Notices notices;
   {
     std::lock_guard lock(state.mutex);
     const std::optional<Item> now = state.items.Find(item.ino);
-    if (now && now->id == item.id) state.Change([&] { notices = merge.Gone(*now, elsewhere); });
+    if (now && now->id == item.id) state.Change([&] { notices = merge.Gone(*now, *elsewhere); });
   }
   Tell(notices);
 }

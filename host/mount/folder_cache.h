@@ -57,6 +57,9 @@ class FolderCache {
   /// Lists what is on the way to this folder, from the nearest folder that is known. False when
   /// there is no way or it cannot be found now.
   bool MakeKnown(const std::string& folderId, int depth = 0);
+  /// Asks for the top of the drive. A request for one item cannot tell that there is none from that
+  /// nobody answers.
+  bool ServiceAnswers();
   void Tell(const Notices& notices);
 
  private:
@@ -90,7 +93,7 @@ class FolderCache {
   void Run(Inode folder, const ListingPtr& listing);
   int Finish(Inode folder, const ListingPtr& listing, int error);
   int ListAndMerge(Inode folder);
-  Records WhereMoved(ListingMerge& merge, const std::set<Inode>& tops);
+  std::optional<Records> WhereMoved(ListingMerge& merge, const std::set<Inode>& tops);
   void ListAhead(Inode folder, int depth);
   int Wait(const ListingPtr& listing);
 

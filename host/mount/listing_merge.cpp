@@ -33,11 +33,11 @@ RemoteItem Shown(RemoteItem record, const Settings& settings) {
   return record;
 }
 
-bool ListsParent(const RemoteItem& record, const std::string& id) {
+}  // namespace
+
+bool HasParent(const RemoteItem& record, const std::string& id) {
   return std::find(record.parents.begin(), record.parents.end(), id) != record.parents.end();
 }
-
-}  // namespace
 
 std::string OtherParents(const RemoteItem& record, const std::string& parentId) {
   std::string others;
@@ -171,7 +171,7 @@ bool ListingMerge::AdoptMoved(const Item& folder, const RemoteItem& record,
     const std::optional<Item> old = state.items.Find(item.parent);
     if (item.stamp > begun) return true;  // this host has moved it since
     if (IsBeingMoved(item)) return true;
-    if (item.deleted || item.remoteParent.empty() || ListsParent(record, item.remoteParent) ||
+    if (item.deleted || item.remoteParent.empty() || HasParent(record, item.remoteParent) ||
         (old && old->IsVirtualFolder()))
       continue;
     const bool movedHereToo = old && old->id != item.remoteParent;
@@ -209,7 +209,7 @@ void ListingMerge::Refresh(Item item, const RemoteItem& record) {
   TakeName(item, record);
   TakeVersion(item, record);
   // Without that parent it is where this host has just moved it to, and not in two folders.
-  if (ListsParent(record, item.remoteParent))
+  if (HasParent(record, item.remoteParent))
     item.otherParents = OtherParents(record, item.remoteParent);
   state.items.Update(item);
   if (before.name != item.name) {

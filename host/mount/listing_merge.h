@@ -72,6 +72,8 @@ class ListingMerge {
   Notices notices;
 };
 
+bool HasParent(const RemoteItem& record, const std::string& id);
+
 /// Separated by blanks.
 std::string OtherParents(const RemoteItem& record, const std::string& parentId);
 

@@ -138,6 +138,4 @@ class Settler {
 /// The name under which the service is to know an item.
 std::string NameToSend(const Item& item);
 
-bool HasParent(const RemoteItem& record, const std::string& id);
-
 }  // namespace host::mount

@@ -28,10 +28,6 @@ RemoteItem RecordOf(const Item& item) {
 
 }  // namespace
 
-bool HasParent(const RemoteItem& record, const std::string& id) {
-  return std::find(record.parents.begin(), record.parents.end(), id) != record.parents.end();
-}
-
 /// Whether a folder of the service has an item; nothing when that cannot be known now. A folder
 /// that is gone has none.
 std::optional<bool> Settler::IsListed(const std::string& folder, const std::string& id, int depth) {
@@ -94,17 +90,7 @@ bool Settler::WasSeenStanding(const std::string& id) {
 
 /// A no, when the service answers at all.
 std::optional<bool> Settler::NothingWhileAway() {
-  std::string top;
-  {
-    std::lock_guard lock(state.mutex);
-    if (const std::optional<Item> root = state.items.Find(kRootInode); !root->IsMadeUp())
-      top = root->id;
-    for (const Item& item : state.items.Children(kRootInode))
-      if (top.empty() && !item.IsMadeUp()) top = item.id;
-  }
-  RemoteItem record;
-  if (remote.Info(top, record) != AERROR::SUCCESS) return std::nullopt;
-  return false;
+  return folders.ServiceAnswers() ? std::optional(false) : std::nullopt;
 }
 
 /// Whether the service has the item: where it was last seen, or where an answer that was lost may
