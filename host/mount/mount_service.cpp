@@ -84,13 +84,21 @@ bool MountService::AwaitClosed(const StatusServer::Send& send) {
   return true;
 }
 
+std::string MountService::WhatIsOpen() {
+  std::lock_guard lock(drive.state.mutex);
+  const size_t count = drive.state.opened.size();
+  const std::optional<Item> first =
+      count == 0 ? std::nullopt : drive.state.items.Find(drive.state.opened.begin()->first);
+  const std::string name = first ? "\"" + first->name + "\"" : "a file";
+  return count > 1 ? "programs have " + name + " open, and " + std::to_string(count - 1) +
+                         " more: close them, or use --now"
+                   : "a program has " + name + " open: close it, or use --now";
+}
+
 void MountService::Unmount(bool now, const StatusServer::Send& send) {
   if (!now) {
     if (!AwaitClosed(send)) {
-      const int open = drive.files.OpenCount();
-      send(Failed(open == 1
-                      ? "a program has a file open there: close it, or use --now"
-                      : std::to_string(open) + " files are open there: close them, or use --now"));
+      send(Failed(WhatIsOpen()));
       return;
     }
     if (!drive.settings.readOnly && !Drain(send)) return;

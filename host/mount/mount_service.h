@@ -31,6 +31,7 @@ class MountService {
   Json::Value Progress();
   bool Drain(const StatusServer::Send& send);
   bool AwaitClosed(const StatusServer::Send& send);
+  std::string WhatIsOpen();
   void Unmount(bool now, const StatusServer::Send& send);
   Json::Value Pin(const std::string& path, bool pinned);
   Json::Value Waiting();

@@ -74,7 +74,7 @@ TEST_F(MountEnd, KeepsWhatAProgramHasOpen) {
   ASSERT_EQ(write(file, "not closed", 10), 10);
   std::string output;
   EXPECT_NE(program.Run({"unmount"}, &output), 0);
-  EXPECT_THAT(output, HasSubstr("has a file open there"));
+  EXPECT_THAT(output, HasSubstr("a program has \"open.txt\" open"));
   EXPECT_EQ(program.Run({"unmount", "--now"}), 0);
   EXPECT_FALSE(IsOwnMount(program.Folder()));
   program.Kill();
