@@ -141,7 +141,7 @@ void Model::TakeUpInterrupted() {
       const Thing* replaced = ReplacedAtService(thing);
       shown = thing.everCommitted || !replaced ? thing.committed : replaced->base->content;
     }
-    const Thing* replaced = Replaced(thing, [&](const Thing& other) {
+    Thing* replaced = Replaced(thing, [&](const Thing& other) {
       return (other.base && other.base->content == shown) ||
              (other.everCommitted && other.committed == shown);
     });
@@ -149,8 +149,8 @@ void Model::TakeUpInterrupted() {
                 (thing.everCommitted && shown == thing.committed))
         << thing.shown << ": " << shown.substr(0, 60);
     if (thing.base && shown == thing.base->content) thing.here->written = false;
-    if (Thing* at = replaced && !thing.base ? ReplacedAtService(thing) : nullptr)
-      TakeOver(thing, *at, shown);
+    if (replaced && !replaced->base) replaced = ReplacedAtService(thing);
+    if (replaced && !thing.base) TakeOver(thing, *replaced, shown);
     thing.here->content = thing.committed = shown;
     thing.everCommitted = true;
   }

@@ -28,6 +28,7 @@ struct View {
   std::string name;
   std::string content;
   bool written = false;  ///< in this round
+  bool moved = false;    ///< or renamed, in this round; perhaps back
 
   bool IsAt(const View& other) const { return parent == other.parent && name == other.name; }
 };
@@ -40,12 +41,12 @@ struct Thing {
   std::optional<View> base, here, there;
   std::string committed;  ///< what close or fsync returned for
   bool everCommitted = true;
-  int over = kNobody;  ///< whom it was renamed over here
-  View made;           ///< a folder, as it was made here in this round
+  std::vector<int> over;  ///< whom it was renamed over here, and they before, the latest last
+  View made;              ///< a folder, as it was made here in this round
 
   bool IsMovedHere() const { return base && here && !here->IsAt(*base); }
   bool IsTouchedHere() const {
-    return base && (!here || here->written || !here->IsAt(*base) || over != kNobody);
+    return base && (!here || here->written || here->moved || !over.empty());
   }
   bool IsTouchedThere() const { return base && (!there || there->written || !there->IsAt(*base)); }
 };
@@ -145,11 +146,11 @@ class Model : public DriveFixture, public ::testing::WithParamInterface<int> {
   /// Writes that no close had returned for may be there or not.
   void TakeUpInterrupted();
 
-  /// The nearest of those that it was renamed over, one after the other.
+  /// The latest of those that it was renamed over.
   template <typename Condition>
   Thing* Replaced(const Thing& thing, Condition&& condition) {
-    for (int over = thing.over; over != kNobody; over = At(over).over)
-      if (condition(At(over))) return &At(over);
+    for (auto over = thing.over.rbegin(); over != thing.over.rend(); ++over)
+      if (condition(At(*over))) return &At(*over);
     return nullptr;
   }
   Thing* ReplacedAtService(const Thing& thing);

@@ -24,7 +24,7 @@ void Model::ClaimContent(const Thing& thing) {
     ++claims[thing.base->content].must;
   // One side moved it, the other removed it; or its bytes went over to another's place.
   const bool moved = thing.IsMovedHere() || (thing.there && !thing.there->IsAt(*thing.base));
-  if ((!thing.here || !thing.there || writtenThere) && (moved || thing.over != kNobody))
+  if ((!thing.here || !thing.there || writtenThere) && (moved || !thing.over.empty()))
     ++claims[thing.base->content].may;
 }
 
@@ -36,7 +36,7 @@ std::string Model::PathOf(int index) {
     if (thing.base && (!thing.here || !thing.there)) return "";
     if (MayBeTakenForOurs(thing)) return "";
     // It may have got the Drive id, and with it the history, of what it replaced.
-    if (thing.over != kNobody && offline) return "";
+    if (!thing.over.empty() && offline) return "";
     const View& view = !thing.there || thing.IsTouchedHere() ? *thing.here : *thing.there;
     path = "/" + view.name + path;
     i = view.parent;

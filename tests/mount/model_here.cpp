@@ -145,11 +145,16 @@ void Model::RenameHere() {
   ASSERT_EQ(error, 0) << At(thing).shown << " -> " << name;
   Note("rename " + std::to_string(thing) + " to " + name + " in " + std::to_string(folder) +
        (over == kNobody ? "" : " over " + std::to_string(over)));
-  if (over != kNobody) At(over).here.reset();
-  if (over != kNobody) At(thing).over = over;
+  if (over != kNobody) {
+    At(over).here.reset();
+    std::vector<int>& replaced = At(thing).over;
+    replaced.insert(replaced.end(), At(over).over.begin(), At(over).over.end());
+    replaced.push_back(over);
+  }
   if (At(thing).shown != name) view.name = name;
   At(thing).shown = name;
   view.parent = folder;
+  view.moved = true;
 }
 
 void Model::RemoveHere() {
