@@ -347,9 +347,16 @@ int Files::Fsync(OpenFile& file) {
 }
 
 void Files::Release(std::unique_ptr<OpenFile> file) {
-  // Pages of a mapping arrive after the last close.
-  if (MayCommit(*file) && TryCommit(*file->node) != 0) return LeaveOpen(std::move(file));
-  Drop(file->node, file->writes);
+  const NodePtr node = file->node;
+  {
+    // At once: who truncates meanwhile sees in the count whether somebody is still to commit.
+    std::lock_guard lock(node->mutex);
+    const bool commits = file->writes || node->writers == 0;
+    // Pages of a mapping arrive after the last close.
+    if (commits && Tried([&] { return Commit(*node); }) != 0) return LeaveOpen(std::move(file));
+    node->writers -= file->writes;
+  }
+  Drop(node, false);
   if (file->writes) owed.Committed(file->node->ino, false);
 }
 

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <thread>
+
 #include "tests/mount/drive_fixture.h"
 
 namespace host::mount {
@@ -79,6 +81,25 @@ TEST_F(LocalDisk, WhatItHasLostIsNotSent) {
   Start();
   EXPECT_THAT(Refusal("a.bin"), HasSubstr("the local disk has 70000"));
   EXPECT_EQ(AtService("a.bin"), bytes);
+}
+
+TEST_F(LocalDisk, ATruncateBesideACloseIsKept) {
+  for (int i = 0; i < 60; ++i) {
+    ASSERT_EQ(Write("a.txt", "content"), 0);
+    const Inode ino = Find("a.txt");
+    std::unique_ptr<OpenFile> file;
+    ASSERT_EQ(drive->files.Open(ino, O_WRONLY, file), 0);
+    ASSERT_EQ(drive->files.Write(*file, std::string_view("C"), 0), 1);
+    std::thread closing([&] { drive->files.Release(std::move(file)); });
+    EXPECT_EQ(drive->files.Truncate(ino, 3), 0);
+    closing.join();
+    ASSERT_EQ(Read("a.txt"), "Con");
+    Item item;
+    ASSERT_EQ(drive->tree.Get(ino, item), 0);
+    ASSERT_EQ(item.size, 3) << "after " << i;
+  }
+  Drain();
+  EXPECT_EQ(AtService("a.txt"), "Con");
 }
 
 TEST_F(LocalDisk, ATruncateThatItRefusedToKeepIsCommittedLater) {
