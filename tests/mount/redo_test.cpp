@@ -55,6 +55,18 @@ TEST_F(Redo, LeavesLaterChangesAlone) {
   EXPECT_EQ(Read("a.txt"), "as it got afterd");
 }
 
+// A power cut can bring the row back.
+TEST_F(Redo, KeepsAFileUntilTheDiskKnowsThatItsRowIsGone) {
+  ASSERT_EQ(Write("a.txt", "bytes"), 0);
+  Item item;
+  ASSERT_EQ(drive->tree.Get(Find("a.txt"), item), 0);
+  const fs::path file = Contents() / std::to_string(item.content);
+  ASSERT_EQ(Remove("a.txt"), 0);
+  EXPECT_TRUE(fs::exists(file));
+  ASSERT_TRUE(drive->state.Sync());
+  EXPECT_FALSE(fs::exists(file));
+}
+
 TEST_F(Redo, EndsWithTheFilesOnTheDisk) {
   ASSERT_EQ(Write("a.txt", "bytes"), 0);
   drive->store.HardenAll();
