@@ -4,14 +4,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <random>
@@ -265,82 +263,6 @@ TEST_F(Mount, PinsForLater) {
   }));
   service.Inject(fault);
   EXPECT_EQ(Slurp(At("trip/map.pdf")), "a map");
-}
-
-// Random writes, truncates, reads and mappings of one file against a buffer in memory.
-TEST_F(Mount, KeepsOneFileTrueThroughRandomOperations) {
-  const char* const given = std::getenv("VORMLANE_SEED");
-  const auto seed = static_cast<unsigned>(given == nullptr ? 1 : std::atoi(given));
-  std::printf("seed %u\n", seed);
-  std::mt19937 random(seed);
-  Begin();
-  const fs::path path = At("exerciser");
-  int file = open(path.c_str(), O_CREAT | O_RDWR, 0644);
-  ASSERT_GE(file, 0);
-  constexpr size_t kLargest = 512 * 1024;
-  std::string model;
-  const auto check = [&](size_t offset, size_t length) {
-    std::string bytes(length, '\0');
-    const ssize_t count = pread(file, bytes.data(), length, static_cast<off_t>(offset));
-    const std::string expected = offset < model.size() ? model.substr(offset, length) : "";
-    return count == static_cast<ssize_t>(expected.size()) &&
-           bytes.substr(0, expected.size()) == expected;
-  };
-  for (int operation = 0; operation < 20'000; ++operation) {
-    const size_t offset = random() % kLargest;
-    const size_t length = 1 + random() % std::min<size_t>(kLargest - offset, 60'000);
-    switch (random() % 20) {
-      case 0: {
-        ASSERT_EQ(ftruncate(file, static_cast<off_t>(offset)), 0);
-        model.resize(offset);
-        break;
-      }
-      case 1:
-      case 2:
-      case 3: {
-        if (model.empty()) break;
-        const size_t from = random() % model.size();
-        const size_t count = std::min(length, model.size() - from);
-        void* mapped = mmap(nullptr, model.size(), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-        ASSERT_NE(mapped, MAP_FAILED);
-        char* bytes = static_cast<char*>(mapped);
-        ASSERT_EQ(std::memcmp(bytes + from, model.data() + from, count), 0) << operation;
-        std::memset(bytes + from, operation & 0xff, count);
-        std::memset(model.data() + from, operation & 0xff, count);
-        ASSERT_EQ(munmap(mapped, model.size()), 0);
-        break;
-      }
-      case 4: {
-        ASSERT_EQ(close(file), 0);
-        file = open(path.c_str(), O_RDWR);
-        ASSERT_GE(file, 0);
-        break;
-      }
-      case 5:
-        ASSERT_EQ(fsync(file), 0);
-        break;
-      case 6:
-      case 7:
-      case 8:
-      case 9:
-      case 10: {
-        std::string bytes(length, static_cast<char>(random()));
-        ASSERT_EQ(pwrite(file, bytes.data(), length, static_cast<off_t>(offset)),
-                  static_cast<ssize_t>(length));
-        model.resize(std::max(model.size(), offset + length));
-        model.replace(offset, length, bytes);
-        break;
-      }
-      default:
-        ASSERT_TRUE(check(offset, length)) << operation << " at " << offset << "+" << length;
-    }
-    struct stat status {};
-    ASSERT_EQ(fstat(file, &status), 0);
-    ASSERT_EQ(static_cast<size_t>(status.st_size), model.size()) << operation;
-  }
-  ASSERT_EQ(close(file), 0);
-  ASSERT_TRUE(program.Drain());
-  EXPECT_TRUE(service.Content(*service.Find("exerciser")) == model);
 }
 
 }  // namespace
