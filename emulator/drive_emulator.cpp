@@ -21,7 +21,7 @@ std::filesystem::path ContentDirectory(const Options& options) {
 
 }  // namespace
 
-DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
+DriveEmulator::Impl::Impl(Options chosen)
     : options(std::move(chosen)),
       shaping(stopper),
       contents(ContentDirectory(options)),
@@ -48,7 +48,6 @@ DriveEmulator::Impl::Impl(DriveEmulator& owner, Options chosen)
       [this](Connection& connection, const httplib::Request& request,
              const httplib::ContentReader* body) { dispatcher.Handle(connection, request, body); });
   ServePush();
-  admin = ServeAdmin(owner, options.adminPort);
 }
 
 DriveEmulator::Impl::~Impl() {
@@ -75,8 +74,10 @@ std::string DriveEmulator::Impl::Url(const HttpServer& server, bool secure) cons
   return (secure ? "https://" : "http://") + options.host + ":" + std::to_string(server.Port());
 }
 
-DriveEmulator::DriveEmulator(Options options)
-    : impl(std::make_unique<Impl>(*this, std::move(options))) {}
+DriveEmulator::DriveEmulator(Options options) : impl(std::make_unique<Impl>(std::move(options))) {
+  // Its requests arrive at this object: not before that is whole.
+  impl->admin = ServeAdmin(*this, impl->options.adminPort);
+}
 DriveEmulator::~DriveEmulator() = default;
 
 std::string DriveEmulator::ApiUrl() const { return impl->Url(*impl->api, impl->tls != nullptr); }

@@ -25,7 +25,7 @@ namespace emulator {
 
 class DriveEmulator::Impl {
  public:
-  Impl(DriveEmulator& owner, Options chosen);
+  explicit Impl(Options chosen);
   ~Impl();
 
   void ServePush();
