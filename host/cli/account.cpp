@@ -1,5 +1,6 @@
 // df, whoami
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 

@@ -1,5 +1,6 @@
 // ls, stat
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <limits>

@@ -1,3 +1,5 @@
+#include <CLI/CLI.hpp>
+
 #include "host/cli/context.h"
 
 #include "host/cli/commands.h"

@@ -5,7 +5,6 @@
 // callbacks throw host::Failure; the program prints its one line and ends with a non-zero code.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -14,6 +13,10 @@
 #include "host/core/host_log.h"
 #include "host/core/paths.h"
 #include "host/core/session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace host {
 

@@ -1,5 +1,6 @@
 // demo
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <chrono>
 #include <fstream>

@@ -1,4 +1,5 @@
 // login, logout
+#include <CLI/CLI.hpp>
 #include <cctype>
 #include <chrono>
 #include <cstdio>

@@ -1,4 +1,5 @@
 // vormlane: an account's drive on the command line.
+#include <CLI/CLI.hpp>
 #include <clocale>
 #include <cstdio>
 

@@ -1,6 +1,7 @@
 // cat, get
 #include <sys/stat.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <cerrno>
 #include <cstring>

@@ -1,5 +1,6 @@
 // options, profile
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,6 @@
 // watch
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <cstdio>

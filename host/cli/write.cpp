@@ -1,4 +1,5 @@
 // put, mkdir, mv, rm, touch
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <vector>
 
