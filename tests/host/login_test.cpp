@@ -105,7 +105,8 @@ TEST_F(Login, TheBrowserIsOpenedOnTheAddress) {
                 environment);
   while (!std::filesystem::exists(opened) && login.IsRunning()) usleep(1000);
   Consent(ReadFile(opened), "allow");
-  EXPECT_EQ(login.Finish().exitCode, 0);
+  const Outcome outcome = login.Finish();
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
 }
 
 TEST_F(Login, ADeclinedConsentLeavesNothing) {

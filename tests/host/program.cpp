@@ -49,6 +49,9 @@ Process::Process(const std::vector<std::string>& command,
   std::vector<std::string> arguments = command;
   std::vector<std::string> variables;
   for (const auto& [name, value] : environment) variables.push_back(name + "=" + value);
+  // What the sanitizers are told holds for the program too.
+  for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
+    if (const char* value = std::getenv(name)) variables.push_back(std::string(name) + "=" + value);
   const int error = posix_spawnp(&pid, command[0].c_str(), &actions, nullptr,
                                  Pointers(arguments).data(), Pointers(variables).data());
   posix_spawn_file_actions_destroy(&actions);
