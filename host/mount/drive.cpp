@@ -180,8 +180,8 @@ bool Drive::Connected() {
 
 void Drive::Follow(std::function<bool()> connect) {
   std::unique_lock lock(mutex);
-  while (!stopping) {
-    const bool missed = !connected || !reachable;
+  for (bool first = true; !stopping; first = false) {
+    const bool missed = !first && (!connected || !reachable);
     lock.unlock();
     const bool joined = !connect || connect();
     const Clock::time_point begun = Clock::now();
