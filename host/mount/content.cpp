@@ -107,15 +107,19 @@ bool Content::Snapshot(std::string& bits, int64_t& bytes) {
   return Sync() == 0;
 }
 
-void Content::AbandonReadAhead() {
+void Content::AbandonFetches() {
   std::lock_guard lock(mutex);
-  for (const std::shared_ptr<Fetch>& fetch : fetches)
-    if (!fetch->awaited) Abandon(fetch->transfer);
-}
-
-void Content::AbandonAll() {
-  std::lock_guard lock(mutex);
-  for (const std::shared_ptr<Fetch>& fetch : fetches) Abandon(fetch->transfer);
+  std::erase_if(fetches, [this](const std::shared_ptr<Fetch>& fetch) {
+    bool unfinished = false;
+    for (int64_t page = fetch->firstPage; page < fetch->endPage; ++page) {
+      if (pages.At(page) != Page::kUnderWay) continue;
+      unfinished = true;
+      if (!fetch->begun) pages.Set(page, Page::kAbsent);
+    }
+    // Not one that is through but for its last words: its connection is worth keeping.
+    if (fetch->begun && unfinished) Abandon(fetch->transfer);
+    return !fetch->begun;
+  });
 }
 
 }  // namespace host::mount

@@ -28,6 +28,7 @@ struct Fetch {
   int64_t endPage = 0;
   std::string id;
   Transfer transfer = std::make_shared<_FS_HANDLE>();
+  bool begun = false;    ///< handed to the threads; else it waits for one before it to end
   bool awaited = false;  ///< a program waits for some of it
   std::atomic<bool> claimed{false};
 };
@@ -75,9 +76,8 @@ class Content {
   int lastError = 0;  ///< errno of the last transfer that failed
   bool mapChanged = false;
 
-  /// Ends the transfers that no program waits for.
-  void AbandonReadAhead();
-  void AbandonAll();
+  /// Ends what is on its way: nobody has the file open, or the mount ends.
+  void AbandonFetches();
 
  private:
   const int descriptor;

@@ -141,7 +141,7 @@ void Drive::Stop() {
   wake.notify_all();
   relay.SetReceiver(nullptr);
   queue.Stop();
-  for (const ContentPtr& content : store.Live()) content->AbandonAll();
+  for (const ContentPtr& content : store.Live()) content->AbandonFetches();
   listPool.Stop();
   fetchPool.Stop();
   if (follower.joinable()) follower.join();

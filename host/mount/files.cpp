@@ -49,7 +49,7 @@ void Files::Drop(const NodePtr& node, bool writes) {
     std::lock_guard lock(node->mutex);
     node->writers -= writes;
     last = --node->handles == 0;
-    if (last && node->content) node->content->AbandonReadAhead();
+    if (last && node->content) node->content->AbandonFetches();
   }
   std::lock_guard held(state.mutex);
   {

@@ -6,20 +6,27 @@
 namespace host::mount {
 namespace {
 
-constexpr int64_t kFirstWindow = 2 * kBlockBytes;
-constexpr int64_t kLargestWindow = 64 * kBlockBytes;
+constexpr int64_t kFirstWindow = 4 * kBlockBytes;
 constexpr int64_t kGrowth = 4;
-constexpr int64_t kLargestFetch = 8 * kBlockBytes;
+constexpr int64_t kLargestWindow = 64 * kBlockBytes;
+/// The kernel asks for this much at once when a program reads more than a header.
+constexpr int64_t kLargeRead = 128 * 1024;
+/// What a file that is read on from its start begins with, in one piece.
+constexpr int64_t kStart = kFirstWindow * kGrowth;
+constexpr int64_t kSmallestPiece = 2 * kBlockBytes;
+constexpr int64_t kLargestPiece = 8 * kBlockBytes;
+/// Enough to fill a line of 1 Gbit/s at 150 ms a round trip.
+constexpr int kPiecesAtOnce = 6;
 /// The kernel reads ahead by itself and sends those reads in any order.
 constexpr int64_t kReorder = 2 * kBlockBytes;
 constexpr int kTries = 3;
 
 int64_t BlockEnd(int64_t offset) { return (offset / kBlockBytes + 1) * kBlockBytes; }
 
-/// How large the pieces are in which a range is fetched: several connections share a large one.
-int64_t PieceOf(int64_t length) {
-  return std::clamp((length / 4 + kBlockBytes - 1) / kBlockBytes * kBlockBytes, kBlockBytes,
-                    kLargestFetch);
+/// How much to fetch at once that far ahead of a program. What is near comes in small pieces, so
+/// that none of it waits for the end of a large one.
+int64_t PieceAhead(int64_t distance) {
+  return std::clamp(distance / 2 / kBlockBytes * kBlockBytes, kSmallestPiece, kLargestPiece);
 }
 
 }  // namespace
@@ -40,20 +47,25 @@ ReadPattern::Advice ReadPattern::Next(int64_t offset, int64_t length, int64_t fi
     stream = &*std::min_element(streams.begin(), streams.end(),
                                 [](const Stream& a, const Stream& b) { return a.used < b.used; });
     *stream = {end, 0, end, ++reads};
-    // A file is mostly read from its start, and on: one block is worth the guess.
     if (offset != 0) return {end - offset, 0};
-    stream->fetched = std::min(BlockEnd(end - 1), fileSize);
+    // A file is mostly read from its start, and on: that is worth a guess. One transfer, so that
+    // nothing else delays the bytes that the program waits for; it ends when the file is closed.
+    if (length >= kLargeRead) stream->window = kStart;
+    stream->fetched = std::min(std::max(BlockEnd(end - 1), stream->window), fileSize);
     return {stream->fetched, 0};
   }
   stream->used = ++reads;
   if (end <= stream->next) return {end - offset, 0};
   stream->next = end;
-  if (stream->window == 0) stream->window = kFirstWindow;
   const int64_t lead = stream->fetched - end;
-  if (lead > stream->window / 2) return {end - offset, 0};
-  stream->window = std::min(stream->window * kGrowth, kLargestWindow);
+  if (stream->window != 0 && lead > stream->window / 4 * 3) return {end - offset, 0};
+  stream->window =
+      stream->window == 0 ? kFirstWindow : std::min(stream->window * kGrowth, kLargestWindow);
   const int64_t now = std::min(BlockEnd(end - 1), fileSize);
-  const int64_t until = std::min(BlockEnd(end + stream->window), fileSize);
+  int64_t until = std::min(BlockEnd(end + stream->window), fileSize);
+  // Whole pieces; what is left over comes with the next ones.
+  if (const int64_t more = until - stream->fetched; more > kLargestPiece && until < fileSize)
+    until -= more % kLargestPiece;
   stream->fetched = std::max(stream->fetched, until);
   return {now - offset, until - now};
 }
@@ -89,8 +101,8 @@ void Reader::Want(const ContentPtr& content, const std::string& id, int64_t from
   {
     std::lock_guard lock(content->mutex);
     const int64_t end = std::min(PageMap::PagesIn(to), content->pages.Pages());
-    const int64_t piece = PieceOf(to - from) / kPageBytes;
-    for (int64_t page = PageMap::PageOf(from); page < end;) {
+    const int64_t first = PageMap::PageOf(from);
+    for (int64_t page = first; page < end;) {
       if (content->pages.At(page) != Page::kAbsent) {
         ++page;
         continue;
@@ -98,16 +110,35 @@ void Reader::Want(const ContentPtr& content, const std::string& id, int64_t from
       auto fetch = std::make_shared<Fetch>();
       fetch->firstPage = page;
       fetch->id = id;
-      fetch->awaited = urgency == Urgency::kInteractive;
+      fetch->begun = fetch->awaited = urgency == Urgency::kInteractive;
+      const int64_t piece =
+          (fetch->begun ? kStart : PieceAhead((page - first) * kPageBytes)) / kPageBytes;
       while (page < end && page < fetch->firstPage + piece &&
              content->pages.At(page) == Page::kAbsent)
         content->pages.Set(page++, Page::kUnderWay);
       fetch->endPage = page;
       content->fetches.push_back(fetch);
-      begun.push_back(fetch);
+      if (fetch->begun) begun.push_back(fetch);
     }
   }
-  for (const std::shared_ptr<Fetch>& fetch : begun) Begin(content, fetch, urgency);
+  for (const std::shared_ptr<Fetch>& fetch : begun) Begin(content, fetch, Urgency::kInteractive);
+  BeginNext(content);
+}
+
+void Reader::BeginNext(const ContentPtr& content) {
+  std::vector<std::shared_ptr<Fetch>> next;
+  {
+    std::lock_guard lock(content->mutex);
+    auto begun = std::count_if(content->fetches.begin(), content->fetches.end(),
+                               [](const auto& fetch) { return fetch->begun; });
+    for (const std::shared_ptr<Fetch>& fetch : content->fetches) {
+      if (fetch->begun) continue;
+      if (begun++ >= kPiecesAtOnce) break;
+      fetch->begun = true;
+      next.push_back(fetch);
+    }
+  }
+  for (const std::shared_ptr<Fetch>& fetch : next) Begin(content, fetch, Urgency::kBackground);
 }
 
 void Reader::Begin(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch,
@@ -119,7 +150,7 @@ void Reader::Begin(const ContentPtr& content, const std::shared_ptr<Fetch>& fetc
 void Reader::Hurry(const ContentPtr& content, int64_t firstPage, int64_t endPage) {
   for (const std::shared_ptr<Fetch>& fetch : content->fetches) {
     if (fetch->endPage <= firstPage || fetch->firstPage >= endPage || fetch->awaited) continue;
-    fetch->awaited = true;
+    fetch->begun = fetch->awaited = true;
     // Queued a second time, in front; whichever comes first claims it.
     if (!fetch->claimed)
       pool.Submit(Urgency::kInteractive, [this, content, fetch] { Run(content, fetch); });
@@ -152,12 +183,15 @@ void Reader::Run(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch)
 }
 
 void Reader::Finish(const ContentPtr& content, const Fetch& fetch, int error) {
-  std::lock_guard lock(content->mutex);
-  for (int64_t page = fetch.firstPage; page < fetch.endPage; ++page)
-    if (content->pages.At(page) == Page::kUnderWay) content->pages.Set(page, Page::kAbsent);
-  if (error != 0) content->lastError = error;
-  std::erase_if(content->fetches, [&](const auto& other) { return other.get() == &fetch; });
-  content->arrived.notify_all();
+  {
+    std::lock_guard lock(content->mutex);
+    for (int64_t page = fetch.firstPage; page < fetch.endPage; ++page)
+      if (content->pages.At(page) == Page::kUnderWay) content->pages.Set(page, Page::kAbsent);
+    if (error != 0) content->lastError = error;
+    std::erase_if(content->fetches, [&](const auto& other) { return other.get() == &fetch; });
+    content->arrived.notify_all();
+  }
+  BeginNext(content);
 }
 
 int Reader::Await(const ContentPtr& content, const std::string& id, int64_t from, int64_t to) {

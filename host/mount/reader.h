@@ -1,8 +1,13 @@
 // Reading a file of the service by ranges, several at once, into its local content.
 //
 // A stream is read ahead of: the window grows fourfold each time while a program reads on and is
-// gone as soon as it jumps, so that a few reads here and there fetch only their pages. Several
-// programs, or several threads of one, may each read a stream of one open file.
+// gone as soon as it jumps, so that a few reads here and there fetch only their pages. A program
+// that begins at the start with a large read is taken for one that reads on. Several programs, or
+// several threads of one, may each read a stream of one open file.
+//
+// Of what is wanted ahead a few ranges are on their way at a time, in order, and the end of one
+// begins the next: were all begun at once, they would share the line and end together, and the
+// line would stand idle for a round trip while the next ones are asked for.
 //
 // Thread-safe.
 #pragma once
@@ -59,6 +64,8 @@ class Reader {
   void Want(const ContentPtr& content, const std::string& id, int64_t from, int64_t to,
             Urgency urgency);
   void Hurry(const ContentPtr& content, int64_t firstPage, int64_t endPage);
+  /// As many of the ranges that wait as may be on their way.
+  void BeginNext(const ContentPtr& content);
   void Begin(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch, Urgency urgency);
   void Run(const ContentPtr& content, const std::shared_ptr<Fetch>& fetch);
   void Finish(const ContentPtr& content, const Fetch& fetch, int error);

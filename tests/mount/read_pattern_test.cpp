@@ -18,6 +18,17 @@ TEST(ReadPattern, JumpsFetchOnlyThemselves) {
   }
 }
 
+TEST(ReadPattern, GuessesFromTheFirstReadHowMuchFollows) {
+  const auto first = [](int64_t length, int64_t fileSize) {
+    const ReadPattern::Advice advice = ReadPattern().Next(0, length, fileSize);
+    EXPECT_EQ(advice.ahead, 0);  // nothing competes with what is waited for
+    return advice.now;
+  };
+  EXPECT_EQ(first(16 * 1024, kGiB), 512 * 1024);
+  EXPECT_EQ(first(kRead, kGiB), 8 << 20);
+  EXPECT_EQ(first(kRead, 5 << 20), 5 << 20);
+}
+
 TEST(ReadPattern, StreamsGetFurtherAheadUpToALimit) {
   ReadPattern pattern;
   int64_t fetched = 0;

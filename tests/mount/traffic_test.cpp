@@ -1,4 +1,5 @@
 // What `status` shows of the transfers that are under way.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -53,6 +54,26 @@ TEST_F(Traffic, IsToldOfEachFileWithProgressAndRate) {
   EXPECT_TRUE(read == bytes);
   Drain();
   EXPECT_TRUE(drive->traffic.Transfers().empty());
+}
+
+TEST_F(Traffic, EndsWithTheLastClose) {
+  constexpr int64_t kRead = 128 * 1024;
+  const std::string bytes(64 << 20, 'b');
+  service.Put("down", bytes);
+  Start();
+  service.SetBandwidth(4 * kBandwidth);
+  std::unique_ptr<OpenFile> file;
+  ASSERT_EQ(drive->files.Open(Find("down"), O_RDONLY, file), 0);
+  std::string piece(kRead, '\0');
+  for (int64_t at = 0; at < 3 << 20; at += kRead)
+    ASSERT_EQ(drive->files.Read(*file, piece, at), kRead);
+  EXPECT_EQ(drive->traffic.Transfers().size(), 1u);
+  drive->files.Release(std::move(file));
+  while (!drive->traffic.Transfers().empty()) std::this_thread::yield();
+  // Not the 32 MiB that were wanted ahead.
+  EXPECT_LT(drive->remote.Counted().down, 16 << 20);
+  service.SetBandwidth(0);
+  EXPECT_TRUE(Read("down") == bytes);
 }
 
 }  // namespace
