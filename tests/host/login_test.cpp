@@ -85,8 +85,8 @@ TEST_F(Login, ARealBrowserSignsIn) {
   WebDriver browser(Home());
   const auto login = StartLogin();
   browser.Open(Address(*login));
-  browser.Click("#approve");
-  EXPECT_EQ(browser.Text("h1"), "Signed in");
+  browser.Click("approve");
+  browser.AwaitHeading("Signed in");
   const Outcome outcome = login->Finish();
   EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
   EXPECT_THAT(Output({"whoami"}), HasSubstr("demo@example.com"));

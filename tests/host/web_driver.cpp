@@ -22,7 +22,7 @@ Json::Value Capabilities(const std::filesystem::path& directory) {
        {std::string("--headless=new"), std::string("--no-sandbox"), std::string("--disable-gpu"),
         std::string("--disable-dev-shm-usage"), profile})
     options["args"].append(argument);
-  body["capabilities"]["alwaysMatch"]["timeouts"]["implicit"] = 10000;
+  body["capabilities"]["alwaysMatch"]["timeouts"]["implicit"] = 30000;
   return body;
 }
 
@@ -61,20 +61,17 @@ void WebDriver::Open(const std::string& url) {
   Call(session + "/url", body);
 }
 
-std::string WebDriver::Element(const std::string& selector) {
+std::string WebDriver::Element(const std::string& path) {
   Json::Value body;
-  body["using"] = "css selector";
-  body["value"] = selector;
+  body["using"] = "xpath";
+  body["value"] = path;
   return session + "/element/" + Call(session + "/element", body)[kElementKey].asString();
 }
 
-void WebDriver::Click(const std::string& selector) {
-  Call(Element(selector) + "/click", Json::Value(Json::objectValue));
+void WebDriver::Click(const std::string& id) {
+  Call(Element("//*[@id='" + id + "']") + "/click", Json::Value(Json::objectValue));
 }
 
-std::string WebDriver::Text(const std::string& selector) {
-  const auto answer = httplib::Client(server).Get(Element(selector) + "/text");
-  return answer ? host::ParseJson(answer->body).value_or(Json::Value())["value"].asString() : "";
-}
+void WebDriver::AwaitHeading(const std::string& text) { Element("//h1[.='" + text + "']"); }
 
 }  // namespace host_test

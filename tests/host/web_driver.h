@@ -22,13 +22,14 @@ class WebDriver {
   ~WebDriver();
 
   void Open(const std::string& url);
-  void Click(const std::string& selector);
-  /// The text of the element, waited for for ten seconds at most.
-  std::string Text(const std::string& selector);
+  void Click(const std::string& id);
+  /// Throws when no page with that heading is shown within half a minute.
+  void AwaitHeading(const std::string& text);
 
  private:
   Json::Value Call(const std::string& path, const Json::Value& body);
-  std::string Element(const std::string& selector);
+  /// The only element at the XPath, which is waited for.
+  std::string Element(const std::string& path);
 
   std::unique_ptr<Process> driver;
   std::string server;
