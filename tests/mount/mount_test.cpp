@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -123,6 +124,37 @@ TEST_F(Mount, ReadsRangesAndFetchesLittleForLittle) {
   for (const emulator::JournalEntry& entry : service.Journal())
     if (entry.method == "drive.files.get.media") streamed += entry.responseBytes;
   EXPECT_LE(streamed, size);
+}
+
+TEST_F(Mount, HoldsTenThousandFilesOpen) {
+  constexpr int kFiles = 10'000;
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  if (before.rlim_max < kFiles + 1000) GTEST_SKIP() << "the system allows fewer open files";
+  const rlimit usual{1024, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &usual);
+  service.MakeFolder("many");
+  Begin();
+  const rlimit raised{before.rlim_max, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &raised);
+  const auto name = [this](int i) { return At("many/" + std::to_string(i)); };
+  std::vector<int> files;
+  for (int i = 0; i < kFiles; ++i) {
+    files.push_back(open(name(i).c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600));
+    ASSERT_GE(files.back(), 0) << i << ": " << std::strerror(errno);
+    ASSERT_EQ(write(files.back(), &i, sizeof i), static_cast<ssize_t>(sizeof i)) << i;
+  }
+  for (int i = 0; i < kFiles; ++i) ASSERT_EQ(unlink(name(i).c_str()), 0) << i;
+  for (int i = 0; i < kFiles; ++i) {
+    int read = -1;
+    ASSERT_EQ(pread(files[i], &read, sizeof read, 0), static_cast<ssize_t>(sizeof read));
+    ASSERT_EQ(read, i);
+    ASSERT_EQ(close(files[i]), 0) << i;
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(program.Run({"drain"}), 0);
+  EXPECT_THAT(service.Children(*service.Find("many")), ::testing::IsEmpty());
+  EXPECT_TRUE(program.Unmount());
 }
 
 TEST_F(Mount, RefusesWhatTheDriveCannotDo) {

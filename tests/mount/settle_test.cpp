@@ -305,6 +305,24 @@ TEST_F(Settle, FollowsAMoveOutOfAFolderThatIsGoneIntoOneNeverSeen) {
   EXPECT_EQ(Read("unseen/two/deeper/inner/keep"), "edited");
 }
 
+// The folder was listed still; then the service was away.
+TEST_F(Settle, TakesNothingForGoneThatItCannotAskAbout) {
+  ASSERT_EQ(MakeFolder("to"), 0);
+  ASSERT_EQ(MakeFolder("from"), 0);
+  ASSERT_EQ(Write("from/f.txt", "old"), 0);
+  Drain();
+  Hesitate();
+  ASSERT_EQ(Write("from/f.txt", "new"), 0);
+  service.Move(*service.Find("from/f.txt"), *service.Find("to"));
+  Fault("drive.files.get", "garbage", 1'000'000);
+  EXPECT_EQ(drive->folders.RefreshNow(Find("from")), EIO);
+  EXPECT_EQ(Read("from/f.txt"), "new");
+  RestoreNetwork();
+  Drain();
+  EXPECT_EQ(AtService("to/f.txt"), "new");
+  EXPECT_THAT(NamesAtService("from"), ElementsAre());
+}
+
 // Between the request and its answer a listing shows the item in a folder that it was not known in.
 TEST_F(Settle, DeletesForGoodWhatItHasJustMoved) {
   ASSERT_EQ(MakeFolder("from"), 0);
