@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "tests/mount/mounted_program.h"
+#include "tests/rounds.h"
 
 namespace host::mount {
 namespace {
@@ -207,8 +208,8 @@ class Exerciser : public ::testing::Test {
 };
 
 TEST_F(Exerciser, KeepsOneFileTrueThroughRandomOperations) {
-  constexpr int kOperations = 20'000;
-  constexpr int kBetweenComparisons = 4'000;
+  constexpr int kOperations = Rounds(20'000);
+  constexpr int kBetweenComparisons = Rounds(4'000);
   for (int number = 1; number <= kOperations; ++number) {
     ASSERT_NO_FATAL_FAILURE(Operate(number))
         << "operation " << number << ": " << ::testing::PrintToString(lately);
@@ -223,7 +224,7 @@ TEST_F(Exerciser, KeepsOneFileTrueThroughRandomOperations) {
     return entry.method == "drive.upload.content" && entry.requestBytes > int64_t{kPiece};
   });
   std::printf("%ld uploads of it\n", static_cast<long>(uploads));
-  EXPECT_GE(uploads, 20);
+  EXPECT_GE(uploads, Rounds(20));
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "tests/mount/mounted_program.h"
+#include "tests/rounds.h"
 
 namespace host::mount {
 namespace {
@@ -127,7 +128,7 @@ TEST_F(Mount, ReadsRangesAndFetchesLittleForLittle) {
 }
 
 TEST_F(Mount, HoldsTenThousandFilesOpen) {
-  constexpr int kFiles = 10'000;
+  constexpr int kFiles = Rounds(10'000);
   rlimit before{};
   getrlimit(RLIMIT_NOFILE, &before);
   if (before.rlim_max < kFiles + 1000) GTEST_SKIP() << "the system allows fewer open files";

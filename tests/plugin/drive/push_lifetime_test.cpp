@@ -3,6 +3,7 @@
 #include <random>
 
 #include "tests/plugin/drive/push_fixture.h"
+#include "tests/rounds.h"
 
 namespace {
 
@@ -10,7 +11,7 @@ using PushLifetimeTest = PushTest;
 using emulator::PushBehaviour;
 
 TEST_F(PushLifetimeTest, HundredsOfDrivesComeAndGoWhateverThePushServiceDoes) {
-  constexpr int kRounds = 300;
+  constexpr int kRounds = Rounds(300);
   constexpr PushBehaviour kBehaviours[] = {PushBehaviour::kAccept, PushBehaviour::kRefuse,
                                            PushBehaviour::kStall, PushBehaviour::kDrop,
                                            PushBehaviour::kFlood};
